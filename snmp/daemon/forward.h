@@ -1,0 +1,19 @@
+#pragma once
+// Forwarding of the agent's requests to DPI subagents, and of subagents' traps to the agent.
+#include <cstdint>
+
+struct snmp_varBind;
+struct registration_entry;
+struct dpi_set_packet;
+
+// Answers one varBind of a Get (0xA0), GetNext (0xA1) or Set (0xA3) for a subtree owned by a
+// subagent, through a DPI exchange on the entry's socket. Returns an SNMPv1 error status
+// (0 noError ... 5 genErr); on success the varBind holds the answer. `first` is non-zero for
+// the entry the request OID falls in, zero for the later entries of a GetNext walk.
+[[nodiscard]] int remote_mib_req(uint8_t type, snmp_varBind* vb, registration_entry* entry,
+                                 int first);
+
+// Sends a DPI TRAP to the agent as an SNMPv1 Trap-PDU. `enterprise` may be null or empty
+// (the daemon's own identity OID is used then). The DPI varBind chain stays the caller's.
+void process_dpi_trapv1(int generic, int specific, const char* enterprise,
+                        dpi_set_packet* varBinds);
