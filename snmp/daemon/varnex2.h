@@ -26,6 +26,7 @@ extern fd_set selectfds;
 extern int nfds;
 extern int sa_fds[MAX_SUBAGENTS];
 extern char* myoid;  // identity OID as dotted text from the peers file, null until read
+extern char* mypw;   // SMUX password from the peers file; wiped after every open
 
 // "%s(%d): " prefix then the message, when any bit of `level` is set in `tracing`.
 #define VX_TRACE(level, ...)                            \
@@ -55,8 +56,11 @@ void init_smux_dpi_fds(void);
 void del_sa_fd(int fd);
 
 [[nodiscard]] int DPI_port(void);
+// One whole packet, length field included, into `buf`; waits at most 8 s for each piece.
+// 0, or -1 after the subagent has been dropped with unregister_fd.
 [[nodiscard]] int read_DPI_packet(int fd, unsigned char* buf, unsigned size);
-// `packet` is a serialised DPI packet with its 2-byte length in front; null fails.
+// `packet` is a serialised DPI packet with its 2-byte length in front; null writes nothing.
+// 0 when all was written, the write's negative result, or -1 for a short write.
 [[nodiscard]] int DPIsend(int fd, const unsigned char* packet);
 int handle_DPI_request(int fd);
 
