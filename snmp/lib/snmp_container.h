@@ -157,6 +157,10 @@ SNMPKIT_NODISCARD snmp_container* snmp_create_container(uint8_t native, uint32_t
 /* Releases the whole block; null is ignored. */
 void snmp_free_container(snmp_container* c);
 
+/* Size in bytes of the block behind `c` (size word included); 0 for null. Growth and reuse
+ * stay in place while the size for the new kind and capacity does not exceed it. */
+uint32_t snmp_container_alloc_size(const snmp_container* c);
+
 /* An OID container (kind 11, tag 0x06, hint 0) holding the dotted text, checked with the
  * first-arc rule. Null for invalid text or no memory. */
 SNMPKIT_NODISCARD snmp_container* snmp_create_oid_container(const char* text);
