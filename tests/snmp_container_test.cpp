@@ -12,6 +12,14 @@
 #include <string>
 #include <vector>
 
+#if defined(__SANITIZE_ADDRESS__)
+#define VX_UNDER_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VX_UNDER_ASAN 1
+#endif
+#endif
+
 namespace {
 
 struct ContainerFree {
@@ -446,7 +454,7 @@ TEST(SnmpContainer, OidAppendAndRefill)
 
 TEST(SnmpContainer, OutOfMemoryLeavesTheContainerUsable)
 {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(VX_UNDER_ASAN)
     GTEST_SKIP() << "the address sanitizer reserves address space, so an address-space limit "
                     "cannot simulate exhausted memory";
 #else
