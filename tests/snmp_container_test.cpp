@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -206,14 +207,25 @@ TEST(SnmpContainer, OidToTextRoundTrip)
     EXPECT_EQ(snmp_oid_to_string(nullptr), nullptr);
 }
 
+std::vector<uint8_t> bytes_of(const void* p, size_t n)
+{
+    auto* b = static_cast<const uint8_t*>(p);
+    return std::vector<uint8_t>(b, b + n);
+}
+
 TEST(SnmpContainer, ReplaceValue)
 {
-    const uint8_t twenty[20] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20};
+    uint8_t twenty[20];
+    for (int i = 0; i < 20; ++i) {
+        twenty[i] = static_cast<uint8_t>(i + 1);
+    }
     const int32_t seven = 7;
     const uint8_t ff = 0xFF;
     const int16_t minus129 = -129;
-    const uint8_t ip[4] = {10, 0, 0, 1};
     const uint32_t words[2] = {1, 2};
+    const uint32_t w_minus1 = 0xFFFFFFFFu, w_255 = 255, w_minus129 = static_cast<uint32_t>(-129),
+                   w_ff7f = 0xFF7Fu, w_7 = 7;
+    const std::vector<uint8_t> zero8(8, 0);
     struct Row {
         const char* name;
         const char* start_oid;  // null: start from INTEGER 7
@@ -226,40 +238,39 @@ TEST(SnmpContainer, ReplaceValue)
         uint32_t length;
         std::vector<uint8_t> stored;  // leading value bytes expected
     } rows[] = {
-        {"oid to INTEGER keeps the block", "1.3.6.1.2.1.1.1.0.5", &seven, 4, SNMP_TAG_INTEGER,
-         true, true, SNMP_NATIVE_S32, 1, {}},
-        {"INTEGER to 1 octet", nullptr, "x", 1, SNMP_TAG_OCTET_STRING, true, true,
-         SNMP_NATIVE_OCTETS, 1, {'x'}},
-        {"INTEGER to 20 octets", nullptr, twenty, 20, SNMP_TAG_OPAQUE, true, false,
-         SNMP_NATIVE_OCTETS, 20, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}},
-        {"empty octets", nullptr, "", 0, SNMP_TAG_OCTET_STRING, true, true, SNMP_NATIVE_OCTETS,
-         0, {0}},
-        {"INTEGER to oid text", nullptr, "1.3.6.1.4", 0, SNMP_TAG_OID, true, false,
-         SNMP_NATIVE_OID, 5, {}},
-        {"INTEGER 0xFF", nullptr, &ff, 1, SNMP_TAG_INTEGER, true, true, SNMP_NATIVE_S32, 1, {}},
-        {"Gauge32 0xFF", nullptr, &ff, 1, SNMP_TAG_GAUGE32, true, true, SNMP_NATIVE_U32, 1, {}},
-        {"INTEGER 2 bytes", nullptr, &minus129, 2, SNMP_TAG_INTEGER, true, true,
-         SNMP_NATIVE_S32, 1, {}},
-        {"IpAddress keeps octet order", nullptr, ip, 4, SNMP_TAG_IPADDRESS, true, true,
+        {"oid to INTEGER 7 keeps the block", "1.3.6.1.2.1.1.1.0.5", &seven, 4, 0x02, true, true,
+         SNMP_NATIVE_S32, 1, bytes_of(&w_7, 4)},
+        {"INTEGER to 1 octet", nullptr, "x", 1, 0x04, true, true, SNMP_NATIVE_OCTETS, 1, {'x'}},
+        {"INTEGER to 20 octets moves", nullptr, twenty, 20, 0x44, true, false, SNMP_NATIVE_OCTETS,
+         20, bytes_of(twenty, 20)},
+        {"empty octets", nullptr, "", 0, 0x04, true, true, SNMP_NATIVE_OCTETS, 0, {0}},
+        {"INTEGER to oid text", nullptr, "1.3.6.1.4", 0, 0x06, true, false, SNMP_NATIVE_OID, 5, {}},
+        {"INTEGER 0xFF is -1", nullptr, &ff, 1, 0x02, true, true, SNMP_NATIVE_S32, 1,
+         bytes_of(&w_minus1, 4)},
+        {"Gauge32 0xFF is 255", nullptr, &ff, 1, 0x42, true, true, SNMP_NATIVE_U32, 1,
+         bytes_of(&w_255, 4)},
+        {"INTEGER of 2 bytes", nullptr, &minus129, 2, 0x02, true, true, SNMP_NATIVE_S32, 1,
+         bytes_of(&w_minus129, 4)},
+        {"TimeTicks of 2 bytes", nullptr, &minus129, 2, 0x43, true, true, SNMP_NATIVE_U32, 1,
+         bytes_of(&w_ff7f, 4)},
+        {"IpAddress keeps octet order", nullptr, "\x0a\0\0\x01", 4, 0x40, true, true,
          SNMP_NATIVE_U32, 1, {10, 0, 0, 1}},
-        {"Counter64", nullptr, words, 8, SNMP_TAG_COUNTER64, true, true, SNMP_NATIVE_U64, 1, {}},
-        {"NULL ignores length", "1.3.6.1.2.1", twenty, 20, SNMP_TAG_NULL, true, true,
-         SNMP_NATIVE_NULL, 1, {0, 0, 0, 0, 0, 0, 0, 0}},
-        {"endOfMibView", nullptr, nullptr, 0, SNMP_TAG_END_OF_MIB_VIEW, true, true,
-         SNMP_NATIVE_NULL, 1, {0, 0, 0, 0}},
-        {"INTEGER of 3 bytes", nullptr, twenty, 3, SNMP_TAG_INTEGER, false, true, 0, 0, {}},
-        {"Counter64 of 4 bytes", nullptr, twenty, 4, SNMP_TAG_COUNTER64, false, true, 0, 0, {}},
+        {"Counter64", nullptr, words, 8, 0x46, true, true, SNMP_NATIVE_U64, 1, bytes_of(words, 8)},
+        {"NULL ignores length", "1.3.6.1.2.1", twenty, 20, 0x05, true, true, SNMP_NATIVE_NULL, 1,
+         zero8},
+        {"endOfMibView", nullptr, nullptr, 0, 0x82, true, true, SNMP_NATIVE_NULL, 1, zero8},
+        {"INTEGER of 3 bytes", nullptr, twenty, 3, 0x02, false, true, 0, 0, {}},
+        {"Counter64 of 4 bytes", nullptr, twenty, 4, 0x46, false, true, 0, 0, {}},
         {"BIT STRING tag", nullptr, twenty, 4, 0x03, false, true, 0, 0, {}},
         {"NsapAddress tag", nullptr, twenty, 4, 0x45, false, true, 0, 0, {}},
-        {"bad oid text", "1.3.6.1", "1.3.", 0, SNMP_TAG_OID, false, true, 0, 0, {}},
-        {"oid failing first arc", "1.3.6.1", "5.1", 0, SNMP_TAG_OID, false, true, 0, 0, {}},
-        {"octets without bytes", nullptr, nullptr, 3, SNMP_TAG_OCTET_STRING, false, true, 0, 0, {}},
+        {"bad oid text", "1.3.6.1", "1.3.", 0, 0x06, false, true, 0, 0, {}},
+        {"oid failing first arc", "1.3.6.1", "5.1", 0, 0x06, false, true, 0, 0, {}},
+        {"octets without bytes", nullptr, nullptr, 3, 0x04, false, true, 0, 0, {}},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        Owned c(row.start_oid != nullptr
-                    ? snmp_create_oid_container(row.start_oid)
-                    : snmp_create_value_container(&seven, 4, SNMP_TAG_INTEGER, 0));
+        Owned c(row.start_oid != nullptr ? snmp_create_oid_container(row.start_oid)
+                                         : snmp_create_value_container(&seven, 4, 0x02, 0));
         ASSERT_NE(c, nullptr);
         uint8_t before[sizeof(snmp_container)];
         std::memcpy(before, c.get(), sizeof before);
@@ -267,6 +278,8 @@ TEST(SnmpContainer, ReplaceValue)
         if (!row.ok) {
             EXPECT_EQ(out, nullptr);
             EXPECT_EQ(std::memcmp(before, c.get(), sizeof before), 0) << "rejected input changed";
+            // A fresh container from the same input is refused and nothing leaks.
+            EXPECT_EQ(snmp_create_value_container(row.value, row.len, row.tag, 0), nullptr);
             continue;
         }
         EXPECT_EQ(out == c.get(), row.same_block);
@@ -275,40 +288,13 @@ TEST(SnmpContainer, ReplaceValue)
         EXPECT_EQ(c->length, row.length);
         EXPECT_EQ(c->tag, row.tag);
         EXPECT_EQ(c->hint, 9);
-        if (!row.stored.empty()) {
-            EXPECT_EQ(std::memcmp(snmp_container_octets(c.get()), row.stored.data(), row.stored.size()), 0);
-        }
-    }
+        EXPECT_EQ(bytes_of(snmp_container_octets(c.get()), row.stored.size()), row.stored);
 
-    struct Scalar {
-        const char* name;
-        const void* value;
-        uint32_t len;
-        uint8_t tag;
-        uint32_t word;
-    } scalars[] = {
-        {"INTEGER 0xFF is -1", &ff, 1, SNMP_TAG_INTEGER, 0xFFFFFFFFu},
-        {"Gauge32 0xFF is 255", &ff, 1, SNMP_TAG_GAUGE32, 255},
-        {"INTEGER -129", &minus129, 2, SNMP_TAG_INTEGER, static_cast<uint32_t>(-129)},
-        {"TimeTicks 2 bytes unsigned", &minus129, 2, SNMP_TAG_TIMETICKS, 0xFF7Fu},
-    };
-    for (const Scalar& row : scalars) {
-        SCOPED_TRACE(row.name);
-        Owned c(snmp_create_value_container(row.value, row.len, row.tag, 0));
-        ASSERT_NE(c, nullptr);
-        EXPECT_EQ(c->value.u32, row.word);
+        Owned fresh(snmp_create_value_container(row.value, row.len, row.tag, 9));
+        ASSERT_NE(fresh, nullptr);
+        EXPECT_EQ(fresh->capacity, std::max<uint32_t>(row.length, 1));
+        EXPECT_EQ(bytes_of(snmp_container_octets(fresh.get()), row.stored.size()), row.stored);
     }
-    Owned c64(snmp_create_value_container(words, 8, SNMP_TAG_COUNTER64, 0));
-    ASSERT_NE(c64, nullptr);
-    EXPECT_EQ(c64->value.words[0], 1u);
-    EXPECT_EQ(c64->value.words[1], 2u);
-    Owned empty(snmp_create_value_container("", 0, SNMP_TAG_OCTET_STRING, SNMP_HINT_DISPLAY_STRING));
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(empty->capacity, 1u);
-    EXPECT_EQ(empty->length, 0u);
-    EXPECT_EQ(snmp_create_value_container(twenty, 3, SNMP_TAG_INTEGER, 0), nullptr);
-    EXPECT_EQ(snmp_create_value_container("1.3.", 0, SNMP_TAG_OID, 0), nullptr);
-    EXPECT_EQ(snmp_replace_container_value(nullptr, &seven, 4, SNMP_TAG_INTEGER, 0), nullptr);
 }
 
 TEST(SnmpContainer, CopyReuseAndGrowth)
@@ -380,16 +366,10 @@ TEST(SnmpContainer, OidAppendAndRefill)
     EXPECT_EQ(text_of(c.get()), "1.3.40.1");
     EXPECT_EQ(c->capacity, 4u);
 
-    struct Bad {
-        const char* name;
-        const char* text;
-    } bad[] = {{"trailing dot", "6."}, {"leading dot forces the check", ".40"}, {"letters", "x"}};
-    for (const Bad& row : bad) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(snmp_expand_oid_container(c.get(), row.text), nullptr);
-        EXPECT_EQ(text_of(c.get()), "1.3.40.1");
-        EXPECT_EQ(c->capacity, 4u);
-    }
+    // A leading dot forces the first-arc check even when appending; failure restores capacity.
+    EXPECT_EQ(snmp_expand_oid_container(c.get(), ".40"), nullptr);
+    EXPECT_EQ(text_of(c.get()), "1.3.40.1");
+    EXPECT_EQ(c->capacity, 4u);
 
     std::vector<uint32_t> many(100);
     for (uint32_t i = 0; i < many.size(); ++i) {
@@ -469,38 +449,35 @@ TEST(SnmpContainer, NvtAsciiNativeCopyAndAddresses)
         std::vector<uint8_t> bytes;
         int expected;
     } nvt[] = {
-        {"CR LF", {'a', 13, 10, 'b'}, 1},   {"CR NUL", {'a', 13, 0, 'b'}, 1},
-        {"bare CR", {'a', 13, 'b'}, 0},     {"CR last", {'a', 13}, 0},
-        {"DEL", {'a', 127}, 0},             {"high bit", {0x80}, 0},
-        {"tab", {'\t'}, 1},                 {"empty", {}, 1},
-        {"CR CR LF", {13, 13, 10}, 0},      {"CR LF consumed then CR", {13, 10, 13}, 0},
+        {"CR LF", {'a', 13, 10, 'b'}, 1}, {"CR NUL", {'a', 13, 0, 'b'}, 1},
+        {"bare CR", {'a', 13, 'b'}, 0},   {"CR last", {'a', 13}, 0},
+        {"DEL", {'a', 127}, 0},           {"high bit", {0x80}, 0},
+        {"tab", {'\t'}, 1},               {"empty", {}, 1},
+        {"CR CR LF", {13, 13, 10}, 0},    {"CR LF then lone CR", {13, 10, 13}, 0},
     };
     for (const Nvt& row : nvt) {
         SCOPED_TRACE(row.name);
-        EXPECT_EQ(snmp_is_nvt_ascii(row.bytes.data(), static_cast<uint32_t>(row.bytes.size())), row.expected);
+        EXPECT_EQ(snmp_is_nvt_ascii(row.bytes.data(), static_cast<uint32_t>(row.bytes.size())),
+                  row.expected);
     }
 
     uint8_t* copy = snmp_get_native_copy("ab\0c", 4);
     ASSERT_NE(copy, nullptr);
     EXPECT_EQ(std::memcmp(copy, "ab\0c", 4), 0);
     std::free(copy);
-    copy = snmp_get_native_copy(nullptr, 0);
+    copy = snmp_get_native_copy(nullptr, 0);  // still a terminated buffer
     ASSERT_NE(copy, nullptr);
     EXPECT_EQ(copy[0], 0);
     std::free(copy);
 
-    snmp_net_addr tcp{SNMP_DOMAIN_TCP, {{127, 0, 0, 1}}, {0, 161}};
-    snmp_net_addr udp = tcp;
+    const snmp_net_addr tcp{SNMP_DOMAIN_TCP, {{127, 0, 0, 1}}, {0, 161}};
+    snmp_net_addr udp = tcp, port = tcp, ip = tcp, fd7{SNMP_DOMAIN_UNIX_FD, {}, {1, 2}}, odd{42, {}, {}};
     udp.domain = SNMP_DOMAIN_UDP;
-    snmp_net_addr other_port = tcp;
-    other_port.port[1] = 162;
-    snmp_net_addr other_ip = tcp;
-    other_ip.address.ip[3] = 2;
-    snmp_net_addr fd7{SNMP_DOMAIN_UNIX_FD, {}, {1, 2}};
+    port.port[1] = 162;
+    ip.address.ip[3] = 2;
     fd7.address.fd = 7;
     snmp_net_addr fd7b = fd7;
-    fd7b.port[0] = 9;  // ignored for descriptors
-    snmp_net_addr odd{42, {}, {}};
+    fd7b.port[0] = 9;  // ports mean nothing for descriptors
     struct Addr {
         const char* name;
         const snmp_net_addr* a;
@@ -508,8 +485,9 @@ TEST(SnmpContainer, NvtAsciiNativeCopyAndAddresses)
         int expected;
     } addrs[] = {
         {"same tcp", &tcp, &tcp, 0},       {"tcp vs udp", &tcp, &udp, -1},
-        {"port differs", &tcp, &other_port, -1}, {"address differs", &tcp, &other_ip, -1},
+        {"port differs", &tcp, &port, -1}, {"address differs", &tcp, &ip, -1},
         {"same descriptor", &fd7, &fd7b, 0}, {"unknown domain", &odd, &odd, -2},
+        {"null", &tcp, nullptr, -1},
     };
     for (const Addr& row : addrs) {
         SCOPED_TRACE(row.name);
