@@ -136,6 +136,7 @@ static bool stream_fill(vx_stream* s, long deadline) {
     uint8_t buf[4096];
     ssize_t n = recv(s->fd, buf, sizeof buf, 0);
     if (n <= 0) {
+        s->closed = true;
         return false;
     }
     s->pending.insert(s->pending.end(), buf, buf + n);

@@ -35,6 +35,7 @@ std::string vx_to_hex(const vx_bytes& bytes);
 struct vx_stream {
     int fd = -1;
     vx_bytes pending;
+    bool closed = false;  // the peer ended the stream (or it failed)
 };
 
 // ---- BER and SMUX -------------------------------------------------------------------------
