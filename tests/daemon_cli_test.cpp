@@ -1,0 +1,226 @@
+// The daemon's command line, trace levels, banners, identity name and start-up retries,
+// observed from outside: its output, its exit status and its first bytes to the agent.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "daemon_peers.h"
+
+namespace {
+
+const char* const BANNER_FORM =
+    "varnex2 version 1\\.0\\.00, Mar 16 1998, Compiled [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4} at "
+    "[0-9]{2}:[0-9]{2}:[0-9]{2}";
+
+struct run_result {
+    int status;
+    std::string output;
+};
+
+run_result run_daemon(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{vx_varnex2_path()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    run_result r;
+    r.status = vx_run(argv, &r.output, 5000);
+    return r;
+}
+
+// The daemon's banner, as its usage message shows it.
+std::string banner_of_daemon() {
+    run_result r = run_daemon({"-x"});
+    std::string out = r.output;
+    while (!out.empty() && out.back() == '\n') {
+        out.pop_back();
+    }
+    return out.substr(out.rfind('\n') + 1);
+}
+
+// Lines written by the DPI library's debug switch are its own business; only which level
+// the daemon asked for is checked, apart from the rest.
+std::string without_dpi_library_lines(const std::string& text, std::string* levels) {
+    std::string kept;
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find('\n', at);
+        end = end == std::string::npos ? text.size() : end + 1;
+        std::string line = text.substr(at, end - at);
+        if (line.rfind("DPI Debug turned ", 0) == 0) {
+            *levels += line;
+        } else if (line.rfind("DPI Debug ", 0) != 0 && line.find(" - DPI Version") == std::string::npos) {
+            kept += line;
+        }
+        at = end;
+    }
+    return kept;
+}
+
+class DaemonCommandLine : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (vx_varnex2_path() == nullptr) {
+            GTEST_SKIP() << "the daemon was not built";
+        }
+        for (const char* v : {"SNMP_PRINTF", "SNMP_ERROR", "SNMP_DUMP"}) {
+            unsetenv(v);
+        }
+    }
+};
+
+}  // namespace
+
+// Arguments the daemon refuses end it before it connects anywhere, so no namespace is
+// needed: each "-d" block is printed as it is taken, then the usage message.
+TEST_F(DaemonCommandLine, OptionsThenUsageError) {
+    const std::string banner = banner_of_daemon();
+    ASSERT_TRUE(std::regex_match(banner, std::regex(BANNER_FORM))) << banner;
+    const std::string path = vx_varnex2_path();
+    const std::string usage = "usage:  " + path + " [-d [level]]\n\n" + banner + "\n";
+    const std::string b = "\n" + banner + "\n";
+
+    struct row {
+        const char* name;
+        std::vector<std::string> args;
+        std::string output;      // without the DPI library's own lines
+        std::string dpi_levels;  // the DPI library's announcements, in order
+    } rows[] = {
+        {"unknown option", {"-x"}, usage, ""},
+        {"-d glued to its level", {"-d5"}, usage, ""},
+        {"bare word", {"d"}, usage, ""},
+        {"level then extra argument", {"-d", "7", "extra"}, "Tracing set to 7\n" + b + usage, ""},
+        {"every bit",
+         {"-d", "255", "-x"},
+         "Tracing set to 255\n   8 DPI-lvl1\n  16 DPI-lvl2\n  32 Internal-lvl1\n"
+         "  64 Internal-lvl2\n 128 Internal-lvl3\n" + b + usage,
+         "DPI Debug turned ON (level 1)\n"},
+        {"DPI level 2 alone", {"-d", "16", "-x"}, "Tracing set to 16\n  16 DPI-lvl2\n" + b + usage,
+         "DPI Debug turned ON (level 2)\n"},
+        {"word as level", {"-d", "abc", "-x"}, "Tracing set to 0\n" + b + usage, ""},
+        {"second -d taken as the level", {"-d", "-d", "-x"}, "Tracing set to 0\n" + b + usage, ""},
+        {"leading digits only", {"-d", "40xyz", "-x"},
+         "Tracing set to 40\n   8 DPI-lvl1\n  32 Internal-lvl1\n" + b + usage,
+         "DPI Debug turned ON (level 1)\n"},
+        {"signed levels", {"-d", "+96", "-d", "-128", "-x"},
+         "Tracing set to 96\n  32 Internal-lvl1\n  64 Internal-lvl2\n" + b +
+             "Tracing set to -128\n 128 Internal-lvl3\n" + b + usage,
+         ""},
+        {"the last -d wins, each is reported", {"-d", "16", "-d", "8", "-x"},
+         "Tracing set to 16\n  16 DPI-lvl2\n" + b + "Tracing set to 8\n   8 DPI-lvl1\n" + b + usage,
+         "DPI Debug turned ON (level 2)\nDPI Debug turned ON (level 1)\n"},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.name);
+        run_result got = run_daemon(r.args);
+        EXPECT_EQ(got.status, 1);
+        std::string levels;
+        EXPECT_EQ(without_dpi_library_lines(got.output, &levels), r.output);
+        EXPECT_EQ(levels, r.dpi_levels);
+    }
+}
+
+// The SNMP library's switches are read from the environment only when one of the bits 1, 2
+// or 4 is set; with SNMP_ERROR=2 reading them prints the library banner.
+TEST_F(DaemonCommandLine, LibrarySwitchesReadOnlyForLowBits) {
+    setenv("SNMP_ERROR", "2", 1);
+    struct row {
+        const char* level;
+        bool reads;
+    } rows[] = {{"1", true}, {"2", true}, {"4", true}, {"8", false}, {"224", false}, {"7", true}};
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.level);
+        run_result got = run_daemon({"-d", r.level, "-x"});
+        EXPECT_EQ(got.status, 1);
+        EXPECT_EQ(got.output.find("AGENTKIT") != std::string::npos, r.reads) << got.output;
+    }
+}
+
+// "-d" as the last argument means 31, which runs the daemon: it needs its own namespace.
+TEST_F(DaemonCommandLine, LoneDashDMeansThirtyOne) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    vx_process daemon;
+    std::string why;
+    ASSERT_TRUE(vx_start_varnex2(&daemon, {"-d"}, nullptr, &why)) << why;
+    ASSERT_TRUE(vx_wait_for_text(daemon.log_path, "will retry", 5000));
+    vx_stop(&daemon);
+    std::string levels;
+    std::string out = without_dpi_library_lines(vx_read_file(daemon.log_path), &levels);
+    EXPECT_EQ(out.rfind("Tracing set to 31\n   8 DPI-lvl1\n  16 DPI-lvl2\n\nvarnex2 version", 0), 0u)
+        << out;
+    EXPECT_EQ(levels, "DPI Debug turned ON (level 1)\n");
+}
+
+// The identity is the program's file name, less "smux." when something follows it. The
+// start line shows it whatever the trace level.
+TEST_F(DaemonCommandLine, IdentityNameFromProgramName) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    const std::string dir = vx_test_dir() + "/bin";
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    struct row {
+        const char* file;   // link to the daemon in `dir`, or "" to use the argv0 as is
+        const char* argv0;  // what the daemon sees; null: the link's full path
+        const char* identity;
+    } rows[] = {
+        {"smux.abc", nullptr, "abc"},
+        {"smux.x", nullptr, "x"},
+        {"smux.", nullptr, "smux."},
+        {"smuxabc", nullptr, "smuxabc"},
+        {"smux.smux.y", nullptr, "smux.y"},
+        {"plain", nullptr, "plain"},
+        {"", "smux.bare", "bare"},
+        {"", "some/dir/", "some/dir/"},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.file[0] != '\0' ? r.file : r.argv0);
+        std::string argv0 = r.argv0 != nullptr ? r.argv0 : dir + "/" + r.file;
+        if (r.file[0] != '\0') {
+            ASSERT_EQ(symlink(vx_varnex2_path(), (dir + "/" + r.file).c_str()), 0);
+        }
+        vx_process daemon;
+        std::string log = vx_test_dir() + "/" + (r.file[0] != '\0' ? r.file : "argv0") + ".log";
+        ASSERT_TRUE(vx_spawn(&daemon, {vx_varnex2_path()}, log, argv0.c_str()));
+        ASSERT_TRUE(vx_wait_for_text(log, "will retry", 5000)) << vx_read_file(log);
+        vx_stop(&daemon);
+        std::smatch m;
+        std::string out = vx_read_file(log);
+        ASSERT_TRUE(std::regex_search(out, m, std::regex("^varnex2\\.cpp\\([0-9]+\\) (.*), starting\\.\\.\\.\n")))
+            << out;
+        EXPECT_EQ(m[1].str(), r.identity);
+    }
+}
+
+// The identity name picks the peers line, so one binary serves several peers.
+TEST_F(DaemonCommandLine, IdentityNameSelectsPeersLine) {
+    ENTER_NAMESPACE_OR_SKIP("varnex2 1.3.6.1.4.1.99999.1 secret\nabc 1.3.6.1.4.1.4242.7 pw\n");
+    const std::string link = vx_test_dir() + "/smux.abc";
+    ASSERT_EQ(symlink(vx_varnex2_path(), link.c_str()), 0);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}, true, "1.3.6.1.4.1.4242.7", "pw", link.c_str()));
+    EXPECT_NE(daemon_log(&s).find("abc connected to agent, ready to receive requests.....\n"),
+              std::string::npos);
+}
+
+// Without an agent there is no DPI listener, and the connection is tried again every
+// 5 seconds; the first connection that works brings up the listener and the session.
+TEST_F(DaemonCommandLine, RetriesUntilTheAgentListens) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    std::string why;
+    ASSERT_TRUE(vx_start_varnex2(&s.daemon, {"-d", "32"}, nullptr, &why)) << why;
+    ASSERT_TRUE(vx_wait_for_text(s.daemon.log_path, "Connect to agent failed, will retry\n", 3000))
+        << daemon_log(&s);
+    std::string log = daemon_log(&s);
+    EXPECT_EQ(log.find("DPI  fd:"), std::string::npos);
+    EXPECT_NE(log.find("SMUXconnect::connect: Connection refused\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("rc=-1 from SMUXconnect()\n"), std::string::npos) << log;
+
+    // Listening now: the next attempt is at most 5 s away.
+    ASSERT_TRUE(fake_agent_listen(&s.agent, &why)) << why;
+    ASSERT_TRUE(attach_session(&s, 6500, true));
+    EXPECT_GT(s.dpi_port, 0);
+    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "connected to agent"), 1);
+}

@@ -1,0 +1,345 @@
+// The daemon's SMUX session, against a master agent played by the test on 127.0.0.1:199 in a
+// private namespace: the open and its identity, registrations and their replay, the PDUs
+// that end a session, and requests that arrive in pieces or several to a read.
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "daemon_peers.h"
+
+namespace {
+
+void expect_next(daemon_session* s, const bytes& expected, int timeout_ms = 5000) {
+    bytes got;
+    ASSERT_EQ(fake_agent_next(&s->agent, &got, timeout_ms), PEER_OK) << daemon_log(s);
+    EXPECT_EQ(to_hex(got), to_hex(expected));
+}
+
+void expect_silence(daemon_session* s, int ms) {
+    bytes got;
+    EXPECT_EQ(fake_agent_next(&s->agent, &got, ms), PEER_TIMEOUT) << "unexpected " << to_hex(got);
+}
+
+// The daemon ends the session: the agent sees the end of the stream, nothing before it.
+void expect_hang_up(daemon_session* s) {
+    bytes got;
+    EXPECT_EQ(fake_agent_next(&s->agent, &got, 3000), PEER_EOF) << "got " << to_hex(got);
+}
+
+// A subagent that opens a connection and registers `group` (with its final dot).
+int register_subagent(daemon_session* s, const std::string& group, uint16_t id) {
+    int fd = dpi_connect(s->dpi_port);
+    EXPECT_GE(fd, 0);
+    EXPECT_TRUE(dpi_send(fd, dpi_register(id, group)));
+    bytes answer;
+    EXPECT_EQ(dpi_read(fd, &answer, 5000), PEER_OK);
+    EXPECT_EQ(to_hex(answer), to_hex(dpi_response(id, 0)));
+    return fd;
+}
+
+std::string peer_log_path() {
+    return vx_test_dir() + "/varnex2.log";
+}
+
+}  // namespace
+
+// The OpenPDU carries the identity and password of the first peers line that names the
+// daemon; the registration of the DPI port object follows at once.
+TEST(DaemonSmux, OpenTakesIdentityFromPeersFile) {
+    ENTER_NAMESPACE_OR_SKIP(nullptr);
+    const std::string long_pw(255, 'p');
+    const std::string long_line(8191, 'x');
+    struct row {
+        const char* name;
+        std::string peers;
+        const char* oid;
+        std::string password;
+        int line;
+    } rows[] = {
+        {"comments and quotes, match on line 3",
+         "# SMUX peers\nother 1.3.6.1.4.1.1 nope\n"
+         "\"varnex2\" \"1.3.6.1.4.1.99999.1\" \"secret\" # the daemon\nvarnex2 1.3.6.1.4.1.5 later\n",
+         "1.3.6.1.4.1.99999.1", "secret", 3},
+        {"name and identity only: empty password", "varnex2 1.3.6.1.4.1.99999.1\n",
+         "1.3.6.1.4.1.99999.1", "", 1},
+        {"tabs and ignored fields", "varnex2\t1.3.6.1.4.1.4242.7\tpw\t7 more fields\n",
+         "1.3.6.1.4.1.4242.7", "pw", 1},
+        {"names compare case-sensitively",
+         "VARNEX2 1.3.6.1.4.1.1 x\nvarnex2 1.3.6.1.4.1.99999.1 secret\n", "1.3.6.1.4.1.99999.1",
+         "secret", 2},
+        {"password of 255 characters", "varnex2 1.3.6.1.4.1.99999.1 " + long_pw + "\n",
+         "1.3.6.1.4.1.99999.1", long_pw, 1},
+        {"an over-long line goes on as the next line",
+         long_line + "varnex2 1.3.6.1.4.1.77 cut\n", "1.3.6.1.4.1.77", "cut", 2},
+    };
+    daemon_session s;
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.name);
+        ASSERT_TRUE(vx_write_peers_file(r.peers.c_str()));
+        ASSERT_TRUE(vx_write_file(peer_log_path(), ""));
+        ASSERT_TRUE(start_session(&s, {"-d", "160"}, true, r.oid, r.password.c_str()));
+        std::string trace = "Using line " + std::to_string(r.line) + ": varnex2 " + r.oid + "\n";
+        EXPECT_NE(daemon_log(&s).find(trace), std::string::npos) << daemon_log(&s);
+        vx_stop(&s.daemon);
+        fake_agent_hang_up(&s.agent);
+    }
+}
+
+// An open that cannot be made closes the new connection without a byte and is tried again
+// with the peers file read anew.
+TEST(DaemonSmux, FailedOpenClosesAndRetries) {
+    ENTER_NAMESPACE_OR_SKIP("other 1.3.6.1.4.1.1 x\n");
+    struct row {
+        const char* name;
+        std::string peers;
+        const char* message;
+    } rows[] = {
+        {"no line for the name", "other 1.3.6.1.4.1.1 x\n", "Cannot create identity\n"},
+        {"identity is not an OID", "varnex2 1.3.6..1 x\n", "Cannot create identity\n"},
+        {"password of 256 characters", "varnex2 1.3.6.1.4.1.99999.1 " + std::string(256, 'p') + "\n",
+         "is too long"},
+    };
+    daemon_session s;
+    std::string why;
+    ASSERT_TRUE(fake_agent_listen(&s.agent, &why)) << why;
+    ASSERT_TRUE(vx_start_varnex2(&s.daemon, {"-d", "32"}, nullptr, &why)) << why;
+    int failures = 0;
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.name);
+        ASSERT_TRUE(vx_write_peers_file(r.peers.c_str()));
+        ASSERT_TRUE(fake_agent_accept(&s.agent, 6500)) << daemon_log(&s);
+        expect_hang_up(&s);
+        failures++;
+        ASSERT_TRUE(vx_wait_for_text(s.daemon.log_path, "Error on SMUXopen\n", 3000, failures));
+        EXPECT_NE(daemon_log(&s).find(r.message), std::string::npos) << daemon_log(&s);
+    }
+    ASSERT_TRUE(vx_write_peers_file(VX_TEST_PEERS_TEXT));
+    ASSERT_TRUE(attach_session(&s, 6500, true));
+    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "connected to agent"), 1);
+}
+
+// The password is wiped after every open; a later open sends the identity it knows with an
+// empty password when the file no longer names the daemon.
+TEST(DaemonSmux, PasswordNotKeptAcrossOpens) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    ASSERT_TRUE(vx_write_peers_file("# emptied\n"));
+    fake_agent_hang_up(&s.agent);
+    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, ""));
+}
+
+// ClosePDU, a refused registration, the end of the stream and bytes that do not decode each
+// end the session; the daemon is back within 5 seconds with a new open.
+TEST(DaemonSmux, SessionEndsAndComesBack) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    struct row {
+        const char* name;
+        bytes send;  // empty: the agent hangs up
+        const char* message;
+    } rows[] = {
+        {"ClosePDU", hex("41 01 00"), "SMUX CLOSE received\n"},
+        {"RRsp -1", hex("43 01 ff"), "Registration failed\n"},
+        {"RRsp -1 in four octets", hex("43 04 ff ff ff ff"), "Registration failed\n"},
+        {"agent hangs up", {}, "EOF received on SMUX fd: "},
+        {"unknown PDU", hex("45 01 00"), "rc=-21 from smux_decode_message()\n"},
+        {"PDU larger than the buffer", cat({hex("a0 82 10 04"), bytes(4100, 0)}),
+         "rc=-5 from smux_decode_message()\n"},
+    };
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    int lost = 0;
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.name);
+        if (r.send.empty()) {
+            fake_agent_hang_up(&s.agent);
+        } else {
+            ASSERT_TRUE(fake_agent_send(&s.agent, r.send));
+            expect_hang_up(&s);
+        }
+        lost++;
+        ASSERT_TRUE(vx_wait_for_text(s.daemon.log_path, "Lost connection to agent\n", 3000, lost));
+        EXPECT_NE(daemon_log(&s).find(r.message), std::string::npos) << daemon_log(&s);
+        ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+        // Every session starts with nothing registered, so the port object goes out again.
+        expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
+        ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(0)));
+    }
+}
+
+// The agent's bytes form a stream: PDUs are taken from it whole however the reads cut it.
+TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    const bytes port = ber_int(0x02, s.dpi_port);
+    auto get = [](int id, const char* oid) {
+        return snmp_pdu_bytes(0xa0, id, 0, 0, {{oid, {}}});
+    };
+    auto answer = [&](int id) {
+        return snmp_pdu_bytes(0xa2, id, 0, 0, {{DPI_PORT_INSTANCE, port}});
+    };
+    // The real agent writes request lengths in the long form.
+    const bytes oid = ber_oid(DPI_PORT_INSTANCE);
+    const bytes binding = cat({hex("30 82 00"), {static_cast<uint8_t>(oid.size() + 2)}, oid, hex("05 00")});
+    const bytes list = cat({hex("30 82 00"), {static_cast<uint8_t>(binding.size())}, binding});
+    const bytes body = cat({hex("02 01 0b 02 01 00 02 01 00"), list});
+    const bytes long_form = cat({hex("a0 82 00"), {static_cast<uint8_t>(body.size())}, body});
+    const bytes get7 = get(7, DPI_PORT_INSTANCE);
+
+    struct row {
+        const char* name;
+        std::vector<bytes> writes;  // each written on its own, 100 ms apart
+        std::vector<bytes> answers;
+    } rows[] = {
+        {"one Get", {get(1, DPI_PORT_INSTANCE)}, {answer(1)}},
+        {"SOut and Get in one write", {cat({hex("44 01 00"), get(2, DPI_PORT_INSTANCE)})}, {answer(2)}},
+        {"Get split after five bytes",
+         {bytes(get(3, DPI_PORT_INSTANCE).begin(), get(3, DPI_PORT_INSTANCE).begin() + 5),
+          bytes(get(3, DPI_PORT_INSTANCE).begin() + 5, get(3, DPI_PORT_INSTANCE).end())},
+         {answer(3)}},
+        {"Get split after its tag", {hex("a0"), bytes(get(4, DPI_PORT_INSTANCE).begin() + 1, get(4, DPI_PORT_INSTANCE).end())},
+         {answer(4)}},
+        {"two Gets in one write", {cat({get(5, DPI_PORT_INSTANCE), get(6, DPI_PORT_INSTANCE)})},
+         {answer(5), answer(6)}},
+        {"a Get and the start of the next",
+         {cat({get(8, DPI_PORT_INSTANCE), bytes(get7.begin(), get7.begin() + 9)}),
+          bytes(get7.begin() + 9, get7.end())},
+         {answer(8), answer(7)}},
+        {"long-form lengths", {long_form}, {answer(11)}},
+        {"RRsp and SOut before a Get", {cat({smux_rrsp(3), hex("44 01 01"), get(12, DPI_PORT_INSTANCE)})},
+         {answer(12)}},
+        {"PDUs the agent should not send are passed over",
+         {cat({smux_open("1.3.6.1.4.1.1", "x", ""), smux_rreq("1.3.6.1.4.1.1", 2),
+               snmp_pdu_bytes(0xa2, 1, 0, 0, {}), smux_trap("1.3.6.1.4.1.1", 6, 1),
+               get(13, DPI_PORT_INSTANCE)})},
+         {answer(13)}},
+        {"GetNext before the port object",
+         {snmp_pdu_bytes(0xa1, 14, 0, 0, {{"1.3.6.1", {}}})},
+         {answer(14)}},
+        {"Set of the port object is refused at binding 1",
+         {snmp_pdu_bytes(0xa3, 15, 0, 0, {{DPI_PORT_INSTANCE, ber_int(0x02, 5)}})},
+         {snmp_pdu_bytes(0xa2, 15, 2, 1, {{DPI_PORT_INSTANCE, ber_int(0x02, 5)}})}},
+        {"the second of three bindings fails: later ones are left as they came",
+         {snmp_pdu_bytes(0xa0, 16, 0, 0,
+                         {{DPI_PORT_INSTANCE, {}}, {"1.3.6.1.2.1.1.1.0", {}}, {DPI_PORT_INSTANCE, {}}})},
+         {snmp_pdu_bytes(0xa2, 16, 2, 2,
+                         {{DPI_PORT_INSTANCE, port}, {"1.3.6.1.2.1.1.1.0", {}}, {DPI_PORT_INSTANCE, {}}})}},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.name);
+        for (size_t i = 0; i < r.writes.size(); i++) {
+            if (i > 0) {
+                usleep(100 * 1000);
+            }
+            ASSERT_TRUE(fake_agent_send(&s.agent, r.writes[i]));
+        }
+        for (const bytes& a : r.answers) {
+            expect_next(&s, a);
+        }
+    }
+    expect_silence(&s, 300);
+    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "SMUX SOUT received\n"), 2);
+    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "Unexpected SMUX request\n"), 4);
+    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "Lost connection"), 0);
+}
+
+// Each registration the agent accepts is followed by a coldStart trap from the daemon's
+// identity; a refusal is not.
+TEST(DaemonSmux, TrapAfterEachAcceptedRegistration) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}, false));
+    const bytes trap = smux_trap(VX_TEST_PEER_OID, 0, 0);
+    bytes got;
+    ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(0)));
+    ASSERT_EQ(fake_agent_read(&s.agent, &got, 3000), PEER_OK);
+    EXPECT_EQ(to_hex(got), to_hex(trap));
+    ASSERT_TRUE(fake_agent_send(&s.agent, cat({hex("43 04 00 00 00 01"), smux_rrsp(2)})));
+    for (int i = 0; i < 2; i++) {
+        ASSERT_EQ(fake_agent_read(&s.agent, &got, 3000), PEER_OK);
+        EXPECT_EQ(to_hex(got), to_hex(trap));
+    }
+    ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(-1)));
+    EXPECT_EQ(fake_agent_read(&s.agent, &got, 3000), PEER_EOF) << to_hex(got);
+}
+
+// The agent forgets a closed session's registrations: the next session announces the
+// subagents' subtrees again, in table order, each once.
+TEST(DaemonSmux, SubtreesReplayedAfterReopen) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    int a = register_subagent(&s, "1.3.6.1.4.1.2.6.1.", 1);
+    expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 2));
+    int b = register_subagent(&s, "1.3.6.1.2.1.99.", 2);
+    expect_next(&s, smux_rreq("1.3.6.1.2.1.99", 2));
+
+    fake_agent_hang_up(&s.agent);
+    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    expect_next(&s, smux_rreq("1.3.6.1.2.1.99", 2));
+    expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
+    expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 2));
+    expect_silence(&s, 500);
+
+    // The subagents did not notice.
+    for (int fd : {a, b}) {
+        bytes answer;
+        ASSERT_TRUE(dpi_send(fd, dpi_are_you_there(9)));
+        ASSERT_EQ(dpi_read(fd, &answer, 3000), PEER_OK);
+        EXPECT_EQ(to_hex(answer), to_hex(dpi_response(9, 0)));
+    }
+    close(a);
+    close(b);
+}
+
+// After the agent refused a registration, the next session announces only the port object,
+// so a subtree the agent will not take cannot make the daemon reconnect forever. A session
+// that ends otherwise replays the table again.
+TEST(DaemonSmux, NoReplayAfterRefusal) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    int a = register_subagent(&s, "1.3.6.1.2.1.1.5.", 1);
+    expect_next(&s, smux_rreq("1.3.6.1.2.1.1.5", 2));
+    ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(-1)));
+    expect_hang_up(&s);
+
+    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
+    expect_silence(&s, 500);
+    ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(0)));
+
+    fake_agent_hang_up(&s.agent);
+    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    expect_next(&s, smux_rreq("1.3.6.1.2.1.1.5", 2));
+    expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
+    expect_silence(&s, 500);
+    close(a);
+}
+
+// The agent never holds a subtree twice: a second registration of the same subtree is not
+// announced, and the withdrawal goes out when the last holder leaves.
+TEST(DaemonSmux, OneRReqPerDistinctSubtree) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    int a = register_subagent(&s, "1.3.6.1.4.1.2.6.1.", 1);
+    expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 2));
+    int b = register_subagent(&s, "1.3.6.1.4.1.2.6.1.", 2);
+    expect_silence(&s, 500);
+
+    fake_agent_hang_up(&s.agent);
+    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
+    expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 2));
+    expect_silence(&s, 500);
+
+    close(b);
+    expect_silence(&s, 500);
+    close(a);
+    expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 0));
+}
