@@ -11,10 +11,12 @@ if(TARGET dpisa)
   set_tests_properties(dpi_connection_slow PROPERTIES LABELS slow TIMEOUT 120)
 
   if(EXISTS ${CMAKE_SOURCE_DIR}/snmp/dpisa/snmpmDPI.cpp)
+    # Under the sanitizers the example must carry their runtime, as the library does.
+    string(JOIN " " dpi_example_flags ${VARNEX_SAN_FLAGS})
     add_test(NAME dpi_install
              COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/dpi_install_test.sh ${CMAKE_BINARY_DIR}
                      ${CMAKE_SOURCE_DIR}/examples/dpi_c_api.c ${CMAKE_C_COMPILER}
-                     "${VARNEX_SAN_FLAGS}")
+                     "${dpi_example_flags}")
     set_tests_properties(dpi_install PROPERTIES TIMEOUT 120)
   endif()
 endif()
