@@ -217,6 +217,8 @@ const ParseRow parse_rows[] = {
      SAME},
     {"set, Counter64", "LLLL 020200 000c 03 0000 312e332e00 3700 0d0008 0000000100000002",
      "v2.0 id=12 t=3 [g=1.3. i=7 o=1.3.7 t=13 v=1:2]", SAME},
+    {"set, Integer32 of no bytes", "LLLL 020200 000b 03 0000 312e332e00 00 810000", nullptr, SAME},
+    {"set, Counter64 of no bytes", "LLLL 020200 000b 03 0000 312e332e00 00 0d0000", nullptr, SAME},
     {"set, Counter64 of 4 bytes", "LLLL 020200 000d 03 0000 312e332e00 00 0d0004 00000001",
      nullptr, SAME},
     {"set, value longer than body", "LLLL 020200 000e 03 0000 312e332e00 00 020005 6162",

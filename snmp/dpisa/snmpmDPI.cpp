@@ -355,6 +355,11 @@ static bool read_varbinds(int version, dpi_cursor* c, dpi_set_packet** head)
             return false;
         }
         vb->value_len = static_cast<uint16_t>(len);
+        // Numbers have one size only; every other type is bytes of any length, also none.
+        if ((vb->value_type >= 128 && len != 4) ||
+            (vb->value_type == DPI_TYPE_Counter64 && len != 8)) {
+            return false;
+        }
         if (len == 0) {
             continue;
         }
@@ -362,20 +367,12 @@ static bool read_varbinds(int version, dpi_cursor* c, dpi_set_packet** head)
         if (vb->value == nullptr) {
             return false;
         }
-        if (vb->value_type >= 128) {
-            if (len != 4) {
-                return false;
-            }
-            if (vb->value_type == DPI_TYPE_IpAddress_v1) {
-                memcpy(vb->value, c->p, 4);
-            } else {
-                uint32_t number = int_val(c->p);
-                memcpy(vb->value, &number, 4);
-            }
+        if (vb->value_type == DPI_TYPE_IpAddress_v1) {
+            memcpy(vb->value, c->p, 4);
+        } else if (vb->value_type >= 128) {
+            uint32_t number = int_val(c->p);
+            memcpy(vb->value, &number, 4);
         } else if (vb->value_type == DPI_TYPE_Counter64) {
-            if (len != 8) {
-                return false;
-            }
             uint32_t words[2] = {int_val(c->p), int_val(c->p + 4)};
             memcpy(vb->value, words, 8);
         } else {
