@@ -174,6 +174,7 @@ TEST_F(DaemonCommandLine, IdentityNameFromProgramName) {
         {"", "smux.bare", "bare"},
         {"", "some/dir/", "some/dir/"},
     };
+    int n = 0;
     for (const row& r : rows) {
         SCOPED_TRACE(r.file[0] != '\0' ? r.file : r.argv0);
         std::string argv0 = r.argv0 != nullptr ? r.argv0 : dir + "/" + r.file;
@@ -181,7 +182,7 @@ TEST_F(DaemonCommandLine, IdentityNameFromProgramName) {
             ASSERT_EQ(symlink(vx_varnex2_path(), (dir + "/" + r.file).c_str()), 0);
         }
         vx_process daemon;
-        std::string log = vx_test_dir() + "/" + (r.file[0] != '\0' ? r.file : "argv0") + ".log";
+        std::string log = vx_test_dir() + "/identity" + std::to_string(n++) + ".log";
         ASSERT_TRUE(vx_spawn(&daemon, {vx_varnex2_path()}, log, argv0.c_str()));
         ASSERT_TRUE(vx_wait_for_text(log, "will retry", 5000)) << vx_read_file(log);
         vx_stop(&daemon);

@@ -233,6 +233,12 @@ bool fake_agent_accept(fake_agent* agent, int timeout_ms) {
 
 void fake_agent_hang_up(fake_agent* agent) {
     if (agent->conn_fd >= 0) {
+        // Closing with unread bytes would reset the connection instead of ending the
+        // stream, so take in what the daemon is still sending (a trap, say) first.
+        uint8_t sink[512];
+        pollfd p{agent->conn_fd, POLLIN, 0};
+        while (poll(&p, 1, 100) == 1 && read(agent->conn_fd, sink, sizeof sink) > 0) {
+        }
         close(agent->conn_fd);
         agent->conn_fd = -1;
     }

@@ -188,6 +188,8 @@ TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
     const bytes list = cat({hex("30 82 00"), {static_cast<uint8_t>(binding.size())}, binding});
     const bytes body = cat({hex("02 01 0b 02 01 00 02 01 00"), list});
     const bytes long_form = cat({hex("a0 82 00"), {static_cast<uint8_t>(body.size())}, body});
+    const bytes get3 = get(3, DPI_PORT_INSTANCE);
+    const bytes get4 = get(4, DPI_PORT_INSTANCE);
     const bytes get7 = get(7, DPI_PORT_INSTANCE);
 
     struct row {
@@ -198,10 +200,9 @@ TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
         {"one Get", {get(1, DPI_PORT_INSTANCE)}, {answer(1)}},
         {"SOut and Get in one write", {cat({hex("44 01 00"), get(2, DPI_PORT_INSTANCE)})}, {answer(2)}},
         {"Get split after five bytes",
-         {bytes(get(3, DPI_PORT_INSTANCE).begin(), get(3, DPI_PORT_INSTANCE).begin() + 5),
-          bytes(get(3, DPI_PORT_INSTANCE).begin() + 5, get(3, DPI_PORT_INSTANCE).end())},
+         {bytes(get3.begin(), get3.begin() + 5), bytes(get3.begin() + 5, get3.end())},
          {answer(3)}},
-        {"Get split after its tag", {hex("a0"), bytes(get(4, DPI_PORT_INSTANCE).begin() + 1, get(4, DPI_PORT_INSTANCE).end())},
+        {"Get split after its tag", {hex("a0"), bytes(get4.begin() + 1, get4.end())},
          {answer(4)}},
         {"two Gets in one write", {cat({get(5, DPI_PORT_INSTANCE), get(6, DPI_PORT_INSTANCE)})},
          {answer(5), answer(6)}},
