@@ -456,6 +456,37 @@ TEST_F(DpiConnection, SendTimeoutAndInvalidHandles)
     EXPECT_EQ(rc, DPI_RC_IO_ERROR);
 }
 
+TEST_F(DpiConnection, RegisterAnsweredLikeASubagentSeesIt)
+{
+    int peer = -1;
+    ASSERT_EQ(connect_agent(&peer), 0);
+    unsigned char* reg = mkDPIreg(0, -1, "1.3.6.1.4.1.2.3.1.", 0, 0);
+    ASSERT_NE(reg, nullptr);
+    const bytes sent(reg, reg + DPI_PACKET_LEN(reg));
+    ASSERT_EQ(DPIsend_packet_to_agent(0, reg, DPI_PACKET_LEN(reg)), DPI_RC_OK);
+
+    // The agent's side: read the frame, parse it, answer it.
+    bytes got(sent.size());
+    ASSERT_EQ(recv(peer, got.data(), got.size(), MSG_WAITALL), static_cast<ssize_t>(got.size()));
+    EXPECT_EQ(got, sent);
+    dpi_hdr* request = pDPIpacket(got.data());
+    ASSERT_NE(request, nullptr);
+    unsigned char* resp = mkDPIresp(request, DPI_ERROR_registerRefused, 0, nullptr);
+    fDPIparse(request);
+    ASSERT_NE(resp, nullptr);
+    send_raw(peer, bytes(resp, resp + DPI_PACKET_LEN(resp)));
+
+    ASSERT_EQ(DPIawait_packet_from_agent(0, 5, &msg, &len), DPI_RC_OK);
+    EXPECT_EQ(len + 2, DPI_PACKET_LEN(msg));
+    dpi_hdr* answer = pDPIpacket(msg);
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer->packet_type, SNMP_DPI_RESPONSE);
+    EXPECT_EQ(answer->packet_id, sent[5] << 8 | sent[6]);
+    EXPECT_EQ(static_cast<dpi_resp_packet*>(answer->data)->error_code, DPI_ERROR_registerRefused);
+    fDPIparse(answer);
+    close(peer);
+}
+
 // Slow: these wait out the library's fixed time-outs.
 
 TEST_F(DpiConnection, SlowUnansweredQueryGivesUpAfterThreeAttempts)

@@ -76,9 +76,10 @@ DPIL_NODISCARD uint32_t lookup_host(const char* hostname_p);
 // empty packet (length field 0) returns DPI_RC_OK with *message_pp null. Otherwise both outs
 // are null/0 and the result is DPI_RC_INVALID_HANDLE, DPI_RC_NOK (not a TCP handle),
 // DPI_RC_TIMEOUT, DPI_RC_IO_ERROR, DPI_RC_EOF or DPI_RC_PACKET_TOO_LARGE (the packet was
-// consumed; the next one is read from its start). Once the body has started, each wait for
-// more bytes is limited to 3 s. If the agent closes or the read fails, the handle is
-// released: DPI_RC_IO_ERROR while the length field was read, DPI_RC_EOF after.
+// consumed; the next one is read from its start). Once the first byte has arrived, each
+// wait for more is limited to 3 s; such a time-out leaves the connection open but out of
+// step. If the agent closes, or a read fails, the connection is closed and the handle freed:
+// a close inside the length field gives DPI_RC_IO_ERROR, one inside the body DPI_RC_EOF.
 DPIL_NODISCARD int DPIawait_packet_from_agent(int handle, int timeout, unsigned char** message_pp,
                                               unsigned long* length_p);
 
