@@ -505,36 +505,4 @@ TEST(DpiRoundTrip, VersionOneGetnextKeepsGroupAndInstance)
     }
 }
 
-TEST(DpiRoundTrip, PacketConstructorsReadBack)
-{
-    struct Row {
-        const char* name;
-        unsigned char* (*build)();
-        const char* tree;  // without the packet number
-    };
-    static const Row rows[] = {
-        {"open", [] { return mkDPIopen("1.3.6.1.4.1.2", "sub", 5, 6, 1, 2,
-                                       reinterpret_cast<const unsigned char*>("pw")); },
-         "t=8 open t=5 m=6 c=1 o=1.3.6.1.4.1.2 d=sub p=7077"},
-        {"register", [] { return mkDPIreg(7, 3, "1.3.6.1.4.1.2.", 0, 1); },
-         "t=6 reg[p=3 t=7 v=1 b=0 g=1.3.6.1.4.1.2.]"},
-        {"unregister", [] { return mkDPIureg(4, "1.3.6."); }, "t=7 ureg[r=4 g=1.3.6.]"},
-        {"close", [] { return mkDPIclose(255); }, "t=9 close r=255"},
-        {"are you there", [] { return mkDPIayt(); }, "t=15"},
-        {"trap", [] {
-             uint32_t n = 7;
-             return mkDPItrape(6, -5, mkDPIset_packet(nullptr, "1.3.", "1", 135, 4, &n), "1.3.6");
-         },
-         "t=4 trap g=6 s=-5 e=1.3.6 [g=1.3. i=1 o=1.3.1 t=135 v=7]"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        dpi_hdr* parsed = pDPIpacket(row.build());
-        ASSERT_NE(parsed, nullptr);
-        std::string line = dump(parsed);
-        EXPECT_EQ(line.substr(line.find(" t=") + 1), row.tree);
-        fDPIparse(parsed);
-    }
-}
-
 }  // namespace
