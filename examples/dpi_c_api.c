@@ -3,13 +3,11 @@
  * would go on the wire. Build: cc dpi_c_api.c $(pkg-config --cflags --libs dpisa) */
 
 #include <snmp_dpi.h>
-
 #include <stdio.h>
 
 /* Each packet lives in the library's one serialisation buffer, so it is printed before the
  * next one is built. */
-static int print_packet(const char *label, const unsigned char *packet)
-{
+static int print_packet(const char* label, const unsigned char* packet) {
     unsigned i;
     unsigned len;
 
@@ -26,12 +24,11 @@ static int print_packet(const char *label, const unsigned char *packet)
     return 0;
 }
 
-int main(void)
-{
+int main(void) {
     int failed = 0;
 
-    failed |= print_packet("OPEN", mkDPIopen("1.3.6.1.4.1.2.3.1", "example subagent", 10, 1, 0,
-                                             0, NULL));
+    failed |=
+        print_packet("OPEN", mkDPIopen("1.3.6.1.4.1.2.3.1", "example subagent", 10, 1, 0, 0, NULL));
     /* timeout 5 s, priority -1 (the best the agent has), no bulk or view selection */
     failed |= print_packet("REGISTER", mkDPIreg(5, -1, "1.3.6.1.4.1.2.3.1.", 0, 0));
     /* Nothing is connected yet, so the first handle is not valid. */

@@ -2,23 +2,22 @@
 // picks the selector of the query the answer is matched against; the rest is the answer.
 // Whatever the bytes, the result is -1 or a port of at most three octets.
 
-#include "snmpqDPI.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
 
+#include "snmpqDPI.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;
     }
     int len = 0;
-    if (mkDPIqport_packet(DPI_QUERY_KIND_GET, data[0] % (DPI_SELECTOR_MAX + 1), "public", 6, &len) ==
-        nullptr) {
+    if (mkDPIqport_packet(DPI_QUERY_KIND_GET, data[0] % (DPI_SELECTOR_MAX + 1), "public", 6,
+                          &len) == nullptr) {
         abort();
     }
     // A copy of exactly the answer's size, so that a read past its end is caught.

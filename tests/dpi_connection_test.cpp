@@ -1,16 +1,13 @@
 // The subagent connection library against real loopback peers: a UDP responder standing in
 // for the master agent's SNMP port, and a TCP listener standing in for the DPI agent.
 
-#include "snmp_dpi.h"
-
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,13 +16,14 @@
 #include <thread>
 #include <vector>
 
+#include "snmp_dpi.h"
+
 namespace {
 
 using bytes = std::vector<uint8_t>;
 using std::chrono::steady_clock;
 
-bytes hex(std::string text)
-{
+bytes hex(std::string text) {
     std::erase(text, ' ');
     bytes out;
     for (size_t i = 0; i + 1 < text.size(); i += 2) {
@@ -34,36 +32,32 @@ bytes hex(std::string text)
     return out;
 }
 
-bytes cat(bytes a, const bytes& b)
-{
+bytes cat(bytes a, const bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
 
-bytes tlv(uint8_t tag, const bytes& body)
-{
+bytes tlv(uint8_t tag, const bytes& body) {
     return cat({tag, static_cast<uint8_t>(body.size())}, body);
 }
 
 const bytes kPortName = hex("06 0B 2B 06 01 04 01 02 02 01 01 01 00");
-const bytes kQueryPublic = hex("30 29 02 01 00 04 06 70 75 62 6C 69 63 A0 1C 02 01 01 02 01 00 "
-                               "02 01 00 30 11 30 0F 06 0B 2B 06 01 04 01 02 02 01 01 01 00 05 00");
+const bytes kQueryPublic =
+    hex("30 29 02 01 00 04 06 70 75 62 6C 69 63 A0 1C 02 01 01 02 01 00 "
+        "02 01 00 30 11 30 0F 06 0B 2B 06 01 04 01 02 02 01 01 01 00 05 00");
 
 // A GetResponse for community "public" with one varbind: `name` and an encoded value.
-bytes get_response(const bytes& value, uint8_t status = 0, const bytes& name = kPortName)
-{
-    bytes pdu = cat(hex("02 01 01 02 01"), cat({status}, cat(hex("02 01 00"),
-                                                             tlv(0x30, tlv(0x30, cat(name, value))))));
+bytes get_response(const bytes& value, uint8_t status = 0, const bytes& name = kPortName) {
+    bytes pdu = cat(hex("02 01 01 02 01"),
+                    cat({status}, cat(hex("02 01 00"), tlv(0x30, tlv(0x30, cat(name, value))))));
     return tlv(0x30, cat(hex("02 01 00 04 06 70 75 62 6C 69 63"), tlv(0xA2, pdu)));
 }
 
-bytes port_answer(uint16_t port)
-{
+bytes port_answer(uint16_t port) {
     return get_response({0x02, 0x02, static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port)});
 }
 
-int open_fds()
-{
+int open_fds() {
     int n = 0;
     DIR* dir = opendir("/proc/self/fd");
     while (dir != nullptr && readdir(dir) != nullptr) {
@@ -75,8 +69,7 @@ int open_fds()
     return n;
 }
 
-int loopback_socket(int type, uint16_t* port)
-{
+int loopback_socket(int type, uint16_t* port) {
     int fd = socket(AF_INET, type, 0);
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
@@ -101,8 +94,7 @@ struct udp_responder {
     std::atomic<bool> stop{false};
     std::thread worker;
 
-    explicit udp_responder(std::vector<bytes> answers) : script(std::move(answers))
-    {
+    explicit udp_responder(std::vector<bytes> answers) : script(std::move(answers)) {
         fd = loopback_socket(SOCK_DGRAM, &port);
         setenv("SNMP_PORT", std::to_string(port).c_str(), 1);
         worker = std::thread([this] {
@@ -112,8 +104,8 @@ struct udp_responder {
                 sockaddr_in from{};
                 socklen_t len = sizeof from;
                 ssize_t n = poll(&p, 1, 20) > 0 ? recvfrom(fd, buf, sizeof buf, 0,
-                                                            reinterpret_cast<sockaddr*>(&from), &len)
-                                                 : -1;
+                                                           reinterpret_cast<sockaddr*>(&from), &len)
+                                                : -1;
                 if (n < 0) {
                     continue;
                 }
@@ -127,35 +119,31 @@ struct udp_responder {
             }
         });
     }
-    ~udp_responder()
-    {
+    ~udp_responder() {
         stop = true;
         worker.join();
         close(fd);
     }
-    std::vector<bytes> received()
-    {
+    std::vector<bytes> received() {
         std::lock_guard<std::mutex> hold(lock);
         return queries;
     }
 };
 
 class DpiConnection : public ::testing::Test {
-protected:
+   protected:
     int listener = -1;
     uint16_t listen_port = 0;
     unsigned char* msg = nullptr;
     unsigned long len = 0;
 
-    void SetUp() override
-    {
+    void SetUp() override {
         int n = 0;
         ASSERT_NE(mkDPIqport_packet(DPI_QUERY_KIND_GET, 1, "", 0, &n), nullptr);
         listener = loopback_socket(SOCK_STREAM, &listen_port);
         ASSERT_EQ(listen(listener, 8), 0);
     }
-    void TearDown() override
-    {
+    void TearDown() override {
         for (int h = 0; h < DPI_MAX_CONNECTIONS; h++) {
             DPIdisconnect_from_agent(h);
         }
@@ -163,23 +151,21 @@ protected:
         unsetenv("SNMP_PORT");
     }
     // Connects through the port query; the agent's end of the connection goes to *peer.
-    int connect_agent(int* peer)
-    {
+    int connect_agent(int* peer) {
         udp_responder agent({port_answer(listen_port)});
         int handle = DPIconnect_to_agent_TCP("127.0.0.1", "public");
         *peer = handle >= 0 ? accept(listener, nullptr, nullptr) : -1;
         return handle;
     }
-    void send_raw(int peer, const bytes& b)
-    {
+    void send_raw(int peer, const bytes& b) {
         ASSERT_EQ(write(peer, b.data(), b.size()), static_cast<ssize_t>(b.size()));
     }
 };
 
-TEST(DpiQuery, MessageAssembledAroundTheCommunity)
-{
-    const std::string tail = "A0 1C 02 01 01 02 01 00 02 01 00 30 11 30 0F 06 0B 2B 06 01 04 01 "
-                             "02 02 01 01 0";
+TEST(DpiQuery, MessageAssembledAroundTheCommunity) {
+    const std::string tail =
+        "A0 1C 02 01 01 02 01 00 02 01 00 30 11 30 0F 06 0B 2B 06 01 04 01 "
+        "02 02 01 01 0";
     const std::string c92(92, 'c');
     struct {
         const char* name;
@@ -188,9 +174,11 @@ TEST(DpiQuery, MessageAssembledAroundTheCommunity)
         bytes expect;  // empty: must fail
     } rows[] = {
         {"public", 1, 1, "public", kQueryPublic},
-        {"empty community, selector 3", 1, 3, "", hex("30 23 02 01 00 04 00 " + tail + "3 00 05 00")},
+        {"empty community, selector 3", 1, 3, "",
+         hex("30 23 02 01 00 04 00 " + tail + "3 00 05 00")},
         {"longest community", 1, 1, c92,
-         cat(cat(hex("30 7F 02 01 00 04 5C"), bytes(c92.begin(), c92.end())), hex(tail + "1 00 05 00"))},
+         cat(cat(hex("30 7F 02 01 00 04 5C"), bytes(c92.begin(), c92.end())),
+             hex(tail + "1 00 05 00"))},
         {"community of 93", 1, 1, c92 + "c", {}},
         {"selector 4", 1, 4, "public", {}},
         {"kind 2", 2, 1, "public", {}},
@@ -205,8 +193,7 @@ TEST(DpiQuery, MessageAssembledAroundTheCommunity)
     }
 }
 
-TEST(DpiQuery, PortFromTheTailOfTheAnswer)
-{
+TEST(DpiQuery, PortFromTheTailOfTheAnswer) {
     int n = 0;
     ASSERT_NE(mkDPIqport_packet(1, 1, "", 0, &n), nullptr);
     const bytes other = hex("06 0B 2B 06 01 04 01 02 02 01 01 02 00");
@@ -247,14 +234,17 @@ TEST(DpiQuery, PortFromTheTailOfTheAnswer)
     EXPECT_EQ(extract_DPI_port(a.data(), static_cast<int>(a.size())), 7);
 }
 
-TEST(DpiQuery, LookupHost)
-{
+TEST(DpiQuery, LookupHost) {
     struct {
         const char* host;
         uint32_t addr;  // host order; 0 for none
     } rows[] = {
-        {"127.0.0.1", 0x7F000001}, {"10.1.2.3", 0x0A010203}, {"localhost", 0x7F000001},
-        {"10.1.2.3x", 0},          {"1.2.3.4.5", 0},         {"", 0},
+        {"127.0.0.1", 0x7F000001},
+        {"10.1.2.3", 0x0A010203},
+        {"localhost", 0x7F000001},
+        {"10.1.2.3x", 0},
+        {"1.2.3.4.5", 0},
+        {"", 0},
         {nullptr, 0},
     };
     for (const auto& r : rows) {
@@ -263,8 +253,7 @@ TEST(DpiQuery, LookupHost)
     }
 }
 
-TEST_F(DpiConnection, PortQueryOverUdp)
-{
+TEST_F(DpiConnection, PortQueryOverUdp) {
     struct {
         const char* name;
         bytes answer;
@@ -294,8 +283,7 @@ TEST_F(DpiConnection, PortQueryOverUdp)
     EXPECT_TRUE(agent.received().empty());
 }
 
-TEST_F(DpiConnection, ConnectOutcomesAndSlots)
-{
+TEST_F(DpiConnection, ConnectOutcomesAndSlots) {
     uint16_t dead_port = 0;
     close(loopback_socket(SOCK_STREAM, &dead_port));
     struct {
@@ -334,8 +322,7 @@ TEST_F(DpiConnection, ConnectOutcomesAndSlots)
     }
 }
 
-TEST_F(DpiConnection, FramedPacketsFromTheAgent)
-{
+TEST_F(DpiConnection, FramedPacketsFromTheAgent) {
     int peer = -1;
     ASSERT_EQ(connect_agent(&peer), 0);
     struct {
@@ -383,8 +370,7 @@ TEST_F(DpiConnection, FramedPacketsFromTheAgent)
     close(peer);
 }
 
-TEST_F(DpiConnection, AgentClosesMidPacket)
-{
+TEST_F(DpiConnection, AgentClosesMidPacket) {
     struct {
         const char* name;
         bytes sent;
@@ -409,8 +395,7 @@ TEST_F(DpiConnection, AgentClosesMidPacket)
     }
 }
 
-TEST_F(DpiConnection, SendTimeoutAndInvalidHandles)
-{
+TEST_F(DpiConnection, SendTimeoutAndInvalidHandles) {
     int peer = -1;
     ASSERT_EQ(connect_agent(&peer), 0);
     auto t0 = steady_clock::now();
@@ -456,8 +441,7 @@ TEST_F(DpiConnection, SendTimeoutAndInvalidHandles)
     EXPECT_EQ(rc, DPI_RC_IO_ERROR);
 }
 
-TEST_F(DpiConnection, RegisterAnsweredLikeASubagentSeesIt)
-{
+TEST_F(DpiConnection, RegisterAnsweredLikeASubagentSeesIt) {
     int peer = -1;
     ASSERT_EQ(connect_agent(&peer), 0);
     unsigned char* reg = mkDPIreg(0, -1, "1.3.6.1.4.1.2.3.1.", 0, 0);
@@ -489,8 +473,7 @@ TEST_F(DpiConnection, RegisterAnsweredLikeASubagentSeesIt)
 
 // Slow: these wait out the library's fixed time-outs.
 
-TEST_F(DpiConnection, SlowUnansweredQueryGivesUpAfterThreeAttempts)
-{
+TEST_F(DpiConnection, SlowUnansweredQueryGivesUpAfterThreeAttempts) {
     udp_responder agent({kIgnore, kIgnore, kIgnore});
     auto t0 = steady_clock::now();
     EXPECT_EQ(qDPIport("127.0.0.1", "public", 1), -1);
@@ -500,15 +483,13 @@ TEST_F(DpiConnection, SlowUnansweredQueryGivesUpAfterThreeAttempts)
     EXPECT_EQ(agent.received().size(), 3u);
 }
 
-TEST_F(DpiConnection, SlowSecondAttemptAnswered)
-{
+TEST_F(DpiConnection, SlowSecondAttemptAnswered) {
     udp_responder agent({kIgnore, port_answer(4242)});
     EXPECT_EQ(qDPIport("127.0.0.1", "public", 1), 4242);
     EXPECT_EQ(agent.received(), (std::vector<bytes>{kQueryPublic, kQueryPublic}));
 }
 
-TEST_F(DpiConnection, SlowStalledBodyTimesOutAndKeepsTheConnection)
-{
+TEST_F(DpiConnection, SlowStalledBodyTimesOutAndKeepsTheConnection) {
     int peer = -1;
     ASSERT_EQ(connect_agent(&peer), 0);
     send_raw(peer, hex("00 06 02 02 00"));

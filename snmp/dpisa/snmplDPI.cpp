@@ -3,11 +3,8 @@
 // table for its datagram socket.
 
 #include "snmplDPI.h"
-#include "snmpqDPI.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
-#include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/select.h>
@@ -15,7 +12,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <string_view>
+
+#include "snmpqDPI.h"
 
 namespace {
 
@@ -41,18 +42,15 @@ static struct sockaddr_in connection_socks[DPI_MAX_CONNECTIONS];
 unsigned char dpi_buffer[DPI_RECEIVE_BUFFER];
 int32_t dpi_buflen;
 
-static bool handle_in_range(int handle)
-{
+static bool handle_in_range(int handle) {
     return handle >= 0 && handle < DPI_MAX_CONNECTIONS;
 }
 
-static bool handle_is_open(int handle)
-{
+static bool handle_is_open(int handle) {
     return handle_in_range(handle) && connection_fds[handle] >= 0;
 }
 
-static int slot_of_fd(int fd)
-{
+static int slot_of_fd(int fd) {
     for (int i = 0; i < DPI_MAX_CONNECTIONS; i++) {
         if (connection_fds[i] == fd) {
             return i;
@@ -61,18 +59,15 @@ static int slot_of_fd(int fd)
     return -1;
 }
 
-int dpi_slot_fd(int handle)
-{
+int dpi_slot_fd(int handle) {
     return handle_is_open(handle) ? connection_fds[handle] : -1;
 }
 
-const struct sockaddr_in* dpi_slot_peer(int handle)
-{
+const struct sockaddr_in* dpi_slot_peer(int handle) {
     return handle_is_open(handle) ? &connection_socks[handle] : nullptr;
 }
 
-void dpi_slot_release(int handle)
-{
+void dpi_slot_release(int handle) {
     if (!handle_is_open(handle)) {
         return;
     }
@@ -82,8 +77,7 @@ void dpi_slot_release(int handle)
 
 // Waits until `fd` is readable. `seconds` < 0 waits without limit. Returns 1 when readable,
 // 0 on time-out, -1 when the wait failed (including a descriptor select cannot watch).
-static int wait_readable(int fd, int seconds)
-{
+static int wait_readable(int fd, int seconds) {
     if (fd < 0 || fd >= FD_SETSIZE) {
         return -1;
     }
@@ -99,8 +93,7 @@ static int wait_readable(int fd, int seconds)
     return rc > 0 ? 1 : 0;
 }
 
-uint32_t lookup_host(const char* hostname_p)
-{
+uint32_t lookup_host(const char* hostname_p) {
     if (hostname_p == nullptr || hostname_p[0] == '\0') {
         return 0;
     }
@@ -124,8 +117,7 @@ uint32_t lookup_host(const char* hostname_p)
     return addr;
 }
 
-int setup_socket(int kind, const char* host_p, unsigned long port)
-{
+int setup_socket(int kind, const char* host_p, unsigned long port) {
     if (init_not_yet_done) {
         std::fill(std::begin(connection_fds), std::end(connection_fds), -1);
         init_not_yet_done = 0;
@@ -137,8 +129,8 @@ int setup_socket(int kind, const char* host_p, unsigned long port)
     if (kind != DPI_SOCKET_DATAGRAM && kind != DPI_SOCKET_STREAM) {
         return -1;
     }
-    int fd = socket(AF_INET, (kind == DPI_SOCKET_STREAM ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC,
-                    0);
+    int fd =
+        socket(AF_INET, (kind == DPI_SOCKET_STREAM ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return -1;
     }
@@ -180,8 +172,7 @@ int setup_socket(int kind, const char* host_p, unsigned long port)
 // Reads exactly `count` bytes. Each wait for more is limited; a time-out or failed wait
 // leaves the connection open, while an end of stream or failed read drops it, since the
 // framing can no longer be trusted.
-static int mustread(int fd, unsigned char* buffer, long count, int type)
-{
+static int mustread(int fd, unsigned char* buffer, long count, int type) {
     if (count <= 0) {
         return 0;
     }
@@ -212,8 +203,7 @@ static int mustread(int fd, unsigned char* buffer, long count, int type)
 
 // Reads one framed packet into dpi_buffer, length field included. Returns the body length,
 // or a negative code; an oversized packet is drained so the stream stays in step.
-static int read_dpi_packet_on_fd(int fd, int type)
-{
+static int read_dpi_packet_on_fd(int fd, int type) {
     if (mustread(fd, dpi_buffer, 2, type) != 2) {
         return DPI_RC_IO_ERROR;
     }
@@ -233,8 +223,7 @@ static int read_dpi_packet_on_fd(int fd, int type)
     return DPI_RC_PACKET_TOO_LARGE;
 }
 
-int DPIconnect_to_agent_TCP(const char* hostname_p, const char* community_p)
-{
+int DPIconnect_to_agent_TCP(const char* hostname_p, const char* community_p) {
     int port = qDPIport(hostname_p, community_p, DPI_SELECTOR_DPI_PORT);
     if (port < 0) {
         return DPI_RC_NO_PORT;
@@ -246,28 +235,23 @@ int DPIconnect_to_agent_TCP(const char* hostname_p, const char* community_p)
     return handle < 0 ? DPI_RC_IO_ERROR : handle;
 }
 
-int DPIconnect_to_agent_UDP(const char*, const char*)
-{
+int DPIconnect_to_agent_UDP(const char*, const char*) {
     return DPI_RC_NOT_SUPPORTED;
 }
 
-int DPIconnect_to_agent_UNIXstream(const char*, const char*)
-{
+int DPIconnect_to_agent_UNIXstream(const char*, const char*) {
     return DPI_RC_NOT_SUPPORTED;
 }
 
-int DPIconnect_to_agent_NMQ(const char*, const char*)
-{
+int DPIconnect_to_agent_NMQ(const char*, const char*) {
     return DPI_RC_NOT_SUPPORTED;
 }
 
-int DPIconnect_to_agent_SHM(const char*, const char*)
-{
+int DPIconnect_to_agent_SHM(const char*, const char*) {
     return DPI_RC_NOT_SUPPORTED;
 }
 
-int DPIget_fd_for_handle(int handle)
-{
+int DPIget_fd_for_handle(int handle) {
     if (!handle_in_range(handle) || connection_types[handle] != CONNECTION_TCP) {
         return DPI_RC_INVALID_HANDLE;
     }
@@ -275,8 +259,7 @@ int DPIget_fd_for_handle(int handle)
 }
 
 int DPIawait_packet_from_agent(int handle, int timeout, unsigned char** message_pp,
-                               unsigned long* length_p)
-{
+                               unsigned long* length_p) {
     if (message_pp != nullptr) {
         *message_pp = nullptr;
     }
@@ -310,8 +293,7 @@ int DPIawait_packet_from_agent(int handle, int timeout, unsigned char** message_
     return DPI_RC_OK;
 }
 
-int DPIsend_packet_to_agent(int handle, const unsigned char* message_p, unsigned long length)
-{
+int DPIsend_packet_to_agent(int handle, const unsigned char* message_p, unsigned long length) {
     if (!handle_is_open(handle)) {
         return DPI_RC_INVALID_HANDLE;
     }
@@ -329,8 +311,7 @@ int DPIsend_packet_to_agent(int handle, const unsigned char* message_p, unsigned
     return sent >= 0 && static_cast<unsigned long>(sent) == length ? DPI_RC_OK : DPI_RC_IO_ERROR;
 }
 
-void DPIdisconnect_from_agent(int handle)
-{
+void DPIdisconnect_from_agent(int handle) {
     if (handle_is_open(handle) && connection_types[handle] == CONNECTION_TCP) {
         dpi_slot_release(handle);
     }

@@ -25,21 +25,21 @@ extern "C" {
 // Results of the connection and query calls.
 enum dpi_rc {
     DPI_RC_OK = 0,
-    DPI_RC_NOK = -1,                 // query failed; handle is not a TCP connection
-    DPI_RC_NO_PORT = -2,             // the agent's DPI port could not be learned
-    DPI_RC_EOF = -4,                 // the agent closed the connection in mid-packet
-    DPI_RC_IO_ERROR = -5,            // wait, read, connect or send failed
-    DPI_RC_INVALID_HANDLE = -6,      // not 0..2, a free slot, or not a TCP connection
+    DPI_RC_NOK = -1,             // query failed; handle is not a TCP connection
+    DPI_RC_NO_PORT = -2,         // the agent's DPI port could not be learned
+    DPI_RC_EOF = -4,             // the agent closed the connection in mid-packet
+    DPI_RC_IO_ERROR = -5,        // wait, read, connect or send failed
+    DPI_RC_INVALID_HANDLE = -6,  // not 0..2, a free slot, or not a TCP connection
     DPI_RC_TIMEOUT = -7,
-    DPI_RC_PACKET_TOO_LARGE = -8,    // longer than the receive buffer; read and dropped
-    DPI_RC_NOT_SUPPORTED = -9,       // transport not offered, or the agent reported port 0
-    DPI_RC_INVALID_ARGUMENT = -10,   // nothing to send
+    DPI_RC_PACKET_TOO_LARGE = -8,   // longer than the receive buffer; read and dropped
+    DPI_RC_NOT_SUPPORTED = -9,      // transport not offered, or the agent reported port 0
+    DPI_RC_INVALID_ARGUMENT = -10,  // nothing to send
 };
 
 enum dpi_connection_limits {
-    DPI_MAX_CONNECTIONS = 3,       // socket slots, the port query's included
-    DPI_RECEIVE_BUFFER = 4096,     // packets with a length field above 4094 are dropped
-    DPI_WAIT_FOREVER = -1,         // DPIawait_packet_from_agent time-out without limit
+    DPI_MAX_CONNECTIONS = 3,    // socket slots, the port query's included
+    DPI_RECEIVE_BUFFER = 4096,  // packets with a length field above 4094 are dropped
+    DPI_WAIT_FOREVER = -1,      // DPIawait_packet_from_agent time-out without limit
 };
 
 // ---- create ----
@@ -52,8 +52,7 @@ enum dpi_connection_limits {
 DPIL_NODISCARD int DPIconnect_to_agent_TCP(const char* hostname_p, const char* community_p);
 // Transports this library does not offer: always DPI_RC_NOT_SUPPORTED.
 DPIL_NODISCARD int DPIconnect_to_agent_UDP(const char* hostname_p, const char* community_p);
-DPIL_NODISCARD int DPIconnect_to_agent_UNIXstream(const char* hostname_p,
-                                                  const char* community_p);
+DPIL_NODISCARD int DPIconnect_to_agent_UNIXstream(const char* hostname_p, const char* community_p);
 DPIL_NODISCARD int DPIconnect_to_agent_NMQ(const char* hostname_p, const char* community_p);
 DPIL_NODISCARD int DPIconnect_to_agent_SHM(const char* hostname_p, const char* community_p);
 

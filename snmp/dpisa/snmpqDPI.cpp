@@ -3,17 +3,19 @@
 // is recognised by its tail alone: the requested name followed by a short INTEGER.
 
 #include "snmpqDPI.h"
-#include "snmplDPI.h"
 
 #include <arpa/inet.h>
-#include <array>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <netinet/in.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "snmplDPI.h"
 
 namespace {
 
@@ -54,8 +56,7 @@ static_assert(DPI_QUERY_FIXED_LEN - 2 + DPI_COMMUNITY_MAX == DPI_BER_SHORT_MAX,
               "the longest community still has a one-octet message length");
 
 // Appends `len` bytes, refusing to take the message past the last octet of the buffer.
-static bool append(const void* bytes, size_t len)
-{
+static bool append(const void* bytes, size_t len) {
     if (len > DPI_QUERY_BUF - 1 - packet_len) {
         return false;
     }
@@ -66,9 +67,8 @@ static bool append(const void* bytes, size_t len)
     return true;
 }
 
-unsigned char* mkDPIqport_packet(int kind, int selector, const char* community_p,
-                                 int community_len, int* packet_len_p)
-{
+unsigned char* mkDPIqport_packet(int kind, int selector, const char* community_p, int community_len,
+                                 int* packet_len_p) {
     packet_len = 0;
     if (packet_len_p != nullptr) {
         *packet_len_p = 0;
@@ -96,16 +96,14 @@ unsigned char* mkDPIqport_packet(int kind, int selector, const char* community_p
 }
 
 // True when the answer holds the requested name ending `gap` bytes before its end.
-static bool name_ends_before(const unsigned char* answer_p, size_t answer_len, size_t gap)
-{
+static bool name_ends_before(const unsigned char* answer_p, size_t answer_len, size_t gap) {
     if (answer_len < sizeof dpiPort + gap) {
         return false;
     }
     return memcmp(answer_p + answer_len - gap - sizeof dpiPort, dpiPort, sizeof dpiPort) == 0;
 }
 
-int extract_DPI_port(const unsigned char* answer_p, int answer_len)
-{
+int extract_DPI_port(const unsigned char* answer_p, int answer_len) {
     if (answer_p == nullptr || answer_len <= 0) {
         return -1;
     }
@@ -136,8 +134,7 @@ int extract_DPI_port(const unsigned char* answer_p, int answer_len)
 // The agent's SNMP port: SNMP_PORT when set, else the well-known port. -1 when SNMP_PORT
 // is not a decimal port number, so that a typing error fails at once rather than after
 // 18 seconds of asking the wrong port.
-static long snmp_port(void)
-{
+static long snmp_port(void) {
     const char* text = getenv("SNMP_PORT");
     if (text == nullptr) {
         return DPI_SNMP_PORT_DEFAULT;
@@ -156,8 +153,7 @@ static long snmp_port(void)
 
 // Sends the query up to three times with growing waits; on success the answer is in
 // dpi_buffer. The datagram slot is released whatever happens.
-static int do_SNMP_query(const char* hostname_p, const char* community_p, int selector)
-{
+static int do_SNMP_query(const char* hostname_p, const char* community_p, int selector) {
     if (community_p == nullptr) {
         return -1;
     }
@@ -206,8 +202,7 @@ static int do_SNMP_query(const char* hostname_p, const char* community_p, int se
     return rc;
 }
 
-int qDPIport(const char* hostname_p, const char* community_p, int selector)
-{
+int qDPIport(const char* hostname_p, const char* community_p, int selector) {
     if (do_SNMP_query(hostname_p, community_p, selector) != 0) {
         return -1;
     }

@@ -19,11 +19,11 @@ extern "C" {
 #endif
 
 enum dpi_query_constants {
-    DPI_QUERY_KIND_GET = 1,          // the only kind of query message there is
-    DPI_SELECTOR_DPI_PORT = 1,       // selector of the DPI port object
+    DPI_QUERY_KIND_GET = 1,     // the only kind of query message there is
+    DPI_SELECTOR_DPI_PORT = 1,  // selector of the DPI port object
     DPI_SELECTOR_MAX = 3,
-    DPI_COMMUNITY_MAX = 92,          // keeps the message length in one BER length octet
-    DPI_QUERY_ATTEMPTS = 3,          // waits of 3, 6 and 9 seconds: 18 s in all
+    DPI_COMMUNITY_MAX = 92,  // keeps the message length in one BER length octet
+    DPI_QUERY_ATTEMPTS = 3,  // waits of 3, 6 and 9 seconds: 18 s in all
 };
 
 // ---- query ----
