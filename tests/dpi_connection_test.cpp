@@ -2,7 +2,6 @@
 // for the master agent's SNMP port, and a TCP listener standing in for the DPI agent.
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -11,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -57,16 +57,9 @@ bytes port_answer(uint16_t port) {
     return get_response({0x02, 0x02, static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port)});
 }
 
-int open_fds() {
-    int n = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dir != nullptr && readdir(dir) != nullptr) {
-        n++;
-    }
-    if (dir != nullptr) {
-        closedir(dir);
-    }
-    return n;
+long open_fds() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
 }
 
 int loopback_socket(int type, uint16_t* port) {
@@ -263,7 +256,7 @@ TEST_F(DpiConnection, PortQueryOverUdp) {
         {"NULL answer", get_response(hex("05 00"), 2), -1},
         {"empty datagram", {}, -1},
     };
-    const int fds = open_fds();
+    const long fds = open_fds();
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         udp_responder agent({r.answer});
@@ -307,7 +300,7 @@ TEST_F(DpiConnection, ConnectOutcomesAndSlots) {
         EXPECT_GE(DPIget_fd_for_handle(i), 0);
     }
     // The query needs a slot of its own: with none left, no port can be learned.
-    const int fds = open_fds();
+    const long fds = open_fds();
     {
         udp_responder agent({port_answer(listen_port)});
         EXPECT_EQ(DPIconnect_to_agent_TCP("127.0.0.1", "public"), DPI_RC_NO_PORT);
