@@ -253,6 +253,17 @@ int registry_send_held_deletes(void) {
     return result;
 }
 
+void registry_release(void) {
+    while (mop_list != nullptr) {
+        registration_entry* e = mop_list;
+        mop_list = e->next;
+        free_entry(e);
+    }
+    free_held_deletes();
+    snmp_free_container(dpi_port_oid_p);
+    dpi_port_oid_p = nullptr;
+}
+
 static int do_mib_request(uint8_t type, snmp_varBind* vb) {
     if (dpi_port_oid_p == nullptr) {
         dpi_port_oid_p = snmp_create_oid_container(DPI_PORT_INSTANCE);

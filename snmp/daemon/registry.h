@@ -32,6 +32,10 @@ void unregister_fd(int fd);
 // registration answers, or whatever forwarding reported.
 [[nodiscard]] int process_req(uint8_t type, snmp_varBind* vb);
 
+// Releases every entry, the held deletes and the port object's OID, without telling the
+// agent anything: for the end of the process.
+void registry_release(void);
+
 // The agent connection is gone: nothing is announced on the next session yet.
 void registry_clear_announced(void);
 
