@@ -13,8 +13,7 @@ namespace {
 
 const char group[] = "1.3.6.1.4.1.2.6.7.1.";
 
-dpi_set_packet* ten_varbinds()
-{
+dpi_set_packet* ten_varbinds() {
     static const char* const instances[] = {"1.0", "2.0", "3.0", "4.0", "5.0",
                                             "6.0", "7.0", "8.0", "9.0", "10.0"};
     dpi_set_packet* chain = nullptr;
@@ -30,16 +29,14 @@ dpi_set_packet* ten_varbinds()
     return chain;
 }
 
-dpi_hdr* get_request()
-{
+dpi_hdr* get_request() {
     dpi_hdr* request = mkDPIhdr_version(SNMP_DPI_GET, 2, 0);
     request->data = mkDPIget_packet(nullptr, group, "1.0");
     return request;
 }
 
 // What a subagent does per answer: assemble the chain and serialise the response.
-void BM_BuildResponse(benchmark::State& state)
-{
+void BM_BuildResponse(benchmark::State& state) {
     dpi_hdr* request = get_request();
     for (auto _ : state) {
         unsigned char* packet = mkDPIresp(request, 0, 0, ten_varbinds());
@@ -50,8 +47,7 @@ void BM_BuildResponse(benchmark::State& state)
 BENCHMARK(BM_BuildResponse);
 
 // Serialisation alone, of a tree already in memory.
-void BM_SerialiseResponse(benchmark::State& state)
-{
+void BM_SerialiseResponse(benchmark::State& state) {
     dpi_hdr* hdr = mkDPIhdr_version(SNMP_DPI_RESPONSE, 2, 0);
     auto* resp = static_cast<dpi_resp_packet*>(calloc(1, sizeof(dpi_resp_packet)));
     resp->varBinds = ten_varbinds();
@@ -65,8 +61,7 @@ void BM_SerialiseResponse(benchmark::State& state)
 BENCHMARK(BM_SerialiseResponse);
 
 // What the agent does per answer: parse the response and release the tree.
-void BM_ParseResponse(benchmark::State& state)
-{
+void BM_ParseResponse(benchmark::State& state) {
     dpi_hdr* request = get_request();
     unsigned char* packet = mkDPIresp(request, 0, 0, ten_varbinds());
     std::vector<unsigned char> bytes(packet, packet + dpi_packet_len(packet));

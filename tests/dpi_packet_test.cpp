@@ -13,8 +13,7 @@
 
 namespace {
 
-std::string to_hex(const std::vector<unsigned char>& bytes)
-{
+std::string to_hex(const std::vector<unsigned char>& bytes) {
     static const char digits[] = "0123456789abcdef";
     std::string hex;
     for (unsigned char b : bytes) {
@@ -25,8 +24,7 @@ std::string to_hex(const std::vector<unsigned char>& bytes)
 }
 
 // The packet number of the next version-2 header, without consuming one for good.
-uint16_t next_packet_id()
-{
+uint16_t next_packet_id() {
     dpi_hdr* hdr = mkDPIhdr_version(SNMP_DPI_ARE_YOU_THERE, 2, 0);
     uint16_t id = hdr->packet_id;
     fDPIparse(hdr);
@@ -34,8 +32,7 @@ uint16_t next_packet_id()
 }
 
 // Version-2 packet numbers depend on what ran before; "...." in an expectation matches them.
-std::string mask_packet_id(std::string hex)
-{
+std::string mask_packet_id(std::string hex) {
     if (hex.size() >= 14 && hex.compare(6, 2, "02") == 0) {
         hex.replace(10, 4, "....");
     }
@@ -43,8 +40,7 @@ std::string mask_packet_id(std::string hex)
 }
 
 // Spaces are for reading only; a leading "LLLL" stands for the length the packet must have.
-std::string expected_hex(const char* text)
-{
+std::string expected_hex(const char* text) {
     std::string hex;
     for (const char* p = text; *p != '\0'; p++) {
         if (*p != ' ') {
@@ -60,8 +56,7 @@ std::string expected_hex(const char* text)
 }
 
 dpi_set_packet* int_varbind(dpi_set_packet* chain, const char* group, const char* instance,
-                            int type, uint32_t number)
-{
+                            int type, uint32_t number) {
     return mkDPIset_packet(chain, group, instance, type, 4, &number);
 }
 
@@ -71,8 +66,7 @@ struct BuildRow {
     const char* hex;  // null: the build must fail
 };
 
-TEST(DpiBuild, PacketVectors)
-{
+TEST(DpiBuild, PacketVectors) {
     static const BuildRow rows[] = {
         {"close", [] { return mkDPIclose(2); }, "LLLL 020200 ....0902"},
         {"are you there", [] { return mkDPIayt(); }, "LLLL 020200 ....0f"},
@@ -82,16 +76,22 @@ TEST(DpiBuild, PacketVectors)
              hdr->data = mkDPIget_packet(nullptr, "1.3.6.1.2.1.1.", "1.0");
              return mkDPIpacket(hdr);
          },
-         "LLLL 020200 ....01" "0000" "312e332e362e312e322e312e312e00" "312e3000"},
+         "LLLL 020200 ....01"
+         "0000"
+         "312e332e362e312e322e312e312e00"
+         "312e3000"},
         {"get, group without dot is written as it is",
          [] {
              dpi_hdr* hdr = mkDPIhdr_version(SNMP_DPI_GET, 2, 0);
              hdr->data = mkDPIget_packet(nullptr, "1.3", nullptr);
              return mkDPIpacket(hdr);
          },
-         "LLLL 020200 ....01" "0000" "312e3300" "00"},
-        {"get without a record",
-         [] { return mkDPIpacket(mkDPIhdr_version(SNMP_DPI_GET, 2, 0)); }, nullptr},
+         "LLLL 020200 ....01"
+         "0000"
+         "312e3300"
+         "00"},
+        {"get without a record", [] { return mkDPIpacket(mkDPIhdr_version(SNMP_DPI_GET, 2, 0)); },
+         nullptr},
         {"getbulk is not built",
          [] { return mkDPIpacket(mkDPIhdr_version(SNMP_DPI_GETBULK, 2, 0)); }, nullptr},
         {"unknown type is not built", [] { return mkDPIpacket(mkDPIhdr_version(16, 2, 0)); },
@@ -109,12 +109,16 @@ TEST(DpiBuild, PacketVectors)
              hdr->data = mkDPIset_packet(nullptr, "1.3.", nullptr, DPI_TYPE_NULL, 0, nullptr);
              return mkDPIpacket(hdr);
          },
-         "LLLL 020200 ....0a" "0000" "312e332e00" "00" "040000"},
+         "LLLL 020200 ....0a"
+         "0000"
+         "312e332e00"
+         "00"
+         "040000"},
         {"undo OBJECT IDENTIFIER with no value fails",
          [] {
              dpi_hdr* hdr = mkDPIhdr_version(SNMP_DPI_UNDO, 2, 0);
-             hdr->data = mkDPIset_packet(nullptr, "1.3.", nullptr, DPI_TYPE_OBJECT_IDENTIFIER,
-                                         0, nullptr);
+             hdr->data =
+                 mkDPIset_packet(nullptr, "1.3.", nullptr, DPI_TYPE_OBJECT_IDENTIFIER, 0, nullptr);
              return mkDPIpacket(hdr);
          },
          nullptr},
@@ -125,17 +129,30 @@ TEST(DpiBuild, PacketVectors)
              hdr->data = mkDPIset_packet(nullptr, "1.3.", "7", DPI_TYPE_Counter64, 8, words);
              return mkDPIpacket(hdr);
          },
-         "LLLL 020200 ....03" "0000" "312e332e00" "3700" "0d0008" "0000000100000002"},
+         "LLLL 020200 ....03"
+         "0000"
+         "312e332e00"
+         "3700"
+         "0d0008"
+         "0000000100000002"},
         {"set Integer32 -1 and Gauge32",
          [] {
              dpi_hdr* hdr = mkDPIhdr_version(SNMP_DPI_SET, 2, 0);
-             dpi_set_packet* vbs = int_varbind(nullptr, "1.3.", "1", DPI_TYPE_Integer32,
-                                               0xFFFFFFFFu);
+             dpi_set_packet* vbs =
+                 int_varbind(nullptr, "1.3.", "1", DPI_TYPE_Integer32, 0xFFFFFFFFu);
              hdr->data = int_varbind(vbs, "1.3.", "2", DPI_TYPE_Gauge32, 0x01020304);
              return mkDPIpacket(hdr);
          },
-         "LLLL 020200 ....03" "0000" "312e332e00" "3100" "810004" "ffffffff" "312e332e00"
-         "3200" "870004" "01020304"},
+         "LLLL 020200 ....03"
+         "0000"
+         "312e332e00"
+         "3100"
+         "810004"
+         "ffffffff"
+         "312e332e00"
+         "3200"
+         "870004"
+         "01020304"},
         {"version-1 set: object identifier text and IpAddress as 133",
          [] {
              const unsigned char addr[4] = {10, 0, 0, 1};
@@ -145,30 +162,61 @@ TEST(DpiBuild, PacketVectors)
              hdr->data = mkDPIset_packet(vbs, "1.3.", nullptr, DPI_TYPE_OCTET_STRING, 1, "x");
              return mkDPIpacket(hdr);
          },
-         "LLLL 020100" "03" "312e332e3400" "850004" "0a000001" "312e3300" "020001" "78"},
+         "LLLL 020100"
+         "03"
+         "312e332e3400"
+         "850004"
+         "0a000001"
+         "312e3300"
+         "020001"
+         "78"},
         {"version-1 getnext: object identifier then group",
          [] {
              dpi_hdr* hdr = mkDPIhdr_version(SNMP_DPI_GETNEXT, 1, 1);
              hdr->data = mkDPInext_packet(nullptr, "1.3.", "6");
              return mkDPIpacket(hdr);
          },
-         "LLLL 020101" "02" "312e332e3600" "312e332e00"},
+         "LLLL 020101"
+         "02"
+         "312e332e3600"
+         "312e332e00"},
         {"register", [] { return mkDPIreg(5, -1, "1.3.6.", 1, 0); },
-         "LLLL 020200 ....06" "ffffffff" "0005" "00" "01" "312e332e362e00"},
+         "LLLL 020200 ....06"
+         "ffffffff"
+         "0005"
+         "00"
+         "01"
+         "312e332e362e00"},
         {"register group without final dot fails", [] { return mkDPIreg(5, 0, "1.3.6", 0, 0); },
          nullptr},
-        {"register priority below -1 fails", [] { return mkDPIreg(5, -2, "1.3.", 0, 0); },
-         nullptr},
+        {"register priority below -1 fails", [] { return mkDPIreg(5, -2, "1.3.", 0, 0); }, nullptr},
         {"register bulk selection 2 fails", [] { return mkDPIreg(5, 0, "1.3.", 2, 0); }, nullptr},
-        {"unregister", [] { return mkDPIureg(3, "1.3."); }, "LLLL 020200 ....07" "03" "312e332e00"},
+        {"unregister", [] { return mkDPIureg(3, "1.3."); },
+         "LLLL 020200 ....07"
+         "03"
+         "312e332e00"},
         {"open with empty description and no password",
          [] { return mkDPIopen("1.3.6.1.4.1.2", "", 10, 20, 1, 0, nullptr); },
-         "LLLL 020200 ....08" "000a" "0014" "01" "312e332e362e312e342e312e3200" "00" "0000"},
+         "LLLL 020200 ....08"
+         "000a"
+         "0014"
+         "01"
+         "312e332e362e312e342e312e3200"
+         "00"
+         "0000"},
         {"open with password",
          [] {
-             return mkDPIopen("1.3", "d", 1, 2, 0, 3, reinterpret_cast<const unsigned char*>("pw!"));
+             return mkDPIopen("1.3", "d", 1, 2, 0, 3,
+                              reinterpret_cast<const unsigned char*>("pw!"));
          },
-         "LLLL 020200 ....08" "0001" "0002" "00" "312e3300" "6400" "0003" "707721"},
+         "LLLL 020200 ....08"
+         "0001"
+         "0002"
+         "00"
+         "312e3300"
+         "6400"
+         "0003"
+         "707721"},
         {"open with description of 255 characters",
          [] { return mkDPIopen("1.3", std::string(255, 'd').c_str(), 0, 0, 0, 0, nullptr); },
          "LLLL 020200 ....08 0000 0000 00 312e3300"
@@ -184,10 +232,10 @@ TEST(DpiBuild, PacketVectors)
          nullptr},
         {"open identifier outside the OID tree fails",
          [] { return mkDPIopen("5.3", "d", 0, 0, 0, 0, nullptr); }, nullptr},
-        {"open character set 2 fails",
-         [] { return mkDPIopen("1.3", "d", 1, 2, 2, 0, nullptr); }, nullptr},
-        {"open timeout 65536 fails",
-         [] { return mkDPIopen("1.3", "d", 65536, 2, 0, 0, nullptr); }, nullptr},
+        {"open character set 2 fails", [] { return mkDPIopen("1.3", "d", 1, 2, 2, 0, nullptr); },
+         nullptr},
+        {"open timeout 65536 fails", [] { return mkDPIopen("1.3", "d", 65536, 2, 0, 0, nullptr); },
+         nullptr},
         {"open without identifier fails",
          [] { return mkDPIopen(nullptr, "d", 1, 2, 0, 0, nullptr); }, nullptr},
         {"enterprise trap with varBind",
@@ -195,10 +243,19 @@ TEST(DpiBuild, PacketVectors)
              return mkDPItrape(6, 42, int_varbind(nullptr, "1.3.", "1", DPI_TYPE_TimeTicks, 9),
                                "1.3.6.1.4.1.2");
          },
-         "LLLL 020200 ....04" "00000006" "0000002a" "312e332e362e312e342e312e3200" "312e332e00"
-         "3100" "880004" "00000009"},
+         "LLLL 020200 ....04"
+         "00000006"
+         "0000002a"
+         "312e332e362e312e342e312e3200"
+         "312e332e00"
+         "3100"
+         "880004"
+         "00000009"},
         {"generic trap without enterprise", [] { return mkDPItrape(0, 0, nullptr, nullptr); },
-         "LLLL 020200 ....04" "00000000" "00000000" "00"},
+         "LLLL 020200 ....04"
+         "00000000"
+         "00000000"
+         "00"},
         {"generic 3 with specific 1 fails", [] { return mkDPItrape(3, 1, nullptr, nullptr); },
          nullptr},
         {"generic 7 fails", [] { return mkDPItrape(7, 0, nullptr, nullptr); }, nullptr},
@@ -220,20 +277,19 @@ TEST(DpiBuild, PacketVectors)
     }
 }
 
-TEST(DpiBuild, IdentifierValidation)
-{
+TEST(DpiBuild, IdentifierValidation) {
     struct Row {
         const char* group;
         const char* instance;
         bool valid;
     };
     static const Row rows[] = {
-        {"1.3.6.1", nullptr, true},    {"3.1", nullptr, false},    {"1.40", nullptr, false},
-        {"1.39", nullptr, true},       {"2.100", nullptr, true},   {"1..3", nullptr, false},
-        {"1.3.6.", nullptr, true},     {"0.0", nullptr, true},     {"1", nullptr, false},
-        {"1.3a", nullptr, false},      {"", nullptr, false},       {nullptr, nullptr, false},
-        {"1.3.", "", true},            {"1.3.", "1.0", true},      {"1.3.", "1.0.", false},
-        {"1.3.", "1..0", false},       {"1.3.", "x", false},       {"1.3.", "99.1", true},
+        {"1.3.6.1", nullptr, true}, {"3.1", nullptr, false},  {"1.40", nullptr, false},
+        {"1.39", nullptr, true},    {"2.100", nullptr, true}, {"1..3", nullptr, false},
+        {"1.3.6.", nullptr, true},  {"0.0", nullptr, true},   {"1", nullptr, false},
+        {"1.3a", nullptr, false},   {"", nullptr, false},     {nullptr, nullptr, false},
+        {"1.3.", "", true},         {"1.3.", "1.0", true},    {"1.3.", "1.0.", false},
+        {"1.3.", "1..0", false},    {"1.3.", "x", false},     {"1.3.", "99.1", true},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(std::string(row.group ? row.group : "(null)") + " / " +
@@ -254,8 +310,7 @@ TEST(DpiBuild, IdentifierValidation)
     }
 }
 
-TEST(DpiBuild, RecordIdentifiersAndChains)
-{
+TEST(DpiBuild, RecordIdentifiersAndChains) {
     dpi_set_packet* chain = mkDPIset_packet(nullptr, "1.3.6.1.2.1.1.", "1.0", 2, 0, nullptr);
     ASSERT_NE(chain, nullptr);
     EXPECT_STREQ(chain->object_id, "1.3.6.1.2.1.1.1.0");
@@ -282,23 +337,22 @@ TEST(DpiBuild, RecordIdentifiersAndChains)
     fDPIset_packet(chain);
 }
 
-TEST(DpiBuild, SetValueLengthsByType)
-{
+TEST(DpiBuild, SetValueLengthsByType) {
     struct Row {
         int type;
         int len;
         bool written;
     };
     static const Row rows[] = {
-        {DPI_TYPE_NsapAddress, 1, true},   {DPI_TYPE_NsapAddress, 2, false},
-        {DPI_TYPE_NsapAddress, 3, false},  {DPI_TYPE_NsapAddress, 4, true},
-        {DPI_TYPE_NsapAddress, 21, true},  {DPI_TYPE_NsapAddress, 22, false},
-        {DPI_TYPE_NsapAddress, 0, false},  {DPI_TYPE_NULL, 4, true},
-        {DPI_TYPE_NULL, 5, false},         {DPI_TYPE_endOfMibView, 0, true},
-        {DPI_TYPE_Integer32, 3, false},    {DPI_TYPE_Integer32, 0, false},
-        {DPI_TYPE_IpAddress, 5, false},    {DPI_TYPE_Counter64, 4, false},
-        {DPI_TYPE_Counter64, 0, false},    {DPI_TYPE_OCTET_STRING, 0, true},
-        {DPI_TYPE_Opaque, 300, true},      {DPI_TYPE_OBJECT_IDENTIFIER, 1, true},
+        {DPI_TYPE_NsapAddress, 1, true},  {DPI_TYPE_NsapAddress, 2, false},
+        {DPI_TYPE_NsapAddress, 3, false}, {DPI_TYPE_NsapAddress, 4, true},
+        {DPI_TYPE_NsapAddress, 21, true}, {DPI_TYPE_NsapAddress, 22, false},
+        {DPI_TYPE_NsapAddress, 0, false}, {DPI_TYPE_NULL, 4, true},
+        {DPI_TYPE_NULL, 5, false},        {DPI_TYPE_endOfMibView, 0, true},
+        {DPI_TYPE_Integer32, 3, false},   {DPI_TYPE_Integer32, 0, false},
+        {DPI_TYPE_IpAddress, 5, false},   {DPI_TYPE_Counter64, 4, false},
+        {DPI_TYPE_Counter64, 0, false},   {DPI_TYPE_OCTET_STRING, 0, true},
+        {DPI_TYPE_Opaque, 300, true},     {DPI_TYPE_OBJECT_IDENTIFIER, 1, true},
     };
     const unsigned char value[300] = {};
     for (const Row& row : rows) {
@@ -314,8 +368,7 @@ TEST(DpiBuild, SetValueLengthsByType)
     }
 }
 
-TEST(DpiBuild, SizeLimit)
-{
+TEST(DpiBuild, SizeLimit) {
     // 8 header + 2 extra length + "1.3.\0" + instance NUL + 3 type/length = 19 bytes around
     // the value, so a value of 4076 bytes makes the largest packet there is.
     std::vector<unsigned char> value(4077, 'v');
@@ -349,8 +402,7 @@ TEST(DpiBuild, SizeLimit)
     EXPECT_EQ(mkDPIpacket(hdr), nullptr);
 }
 
-TEST(DpiBuild, ResponseFollowsRequest)
-{
+TEST(DpiBuild, ResponseFollowsRequest) {
     dpi_hdr* get = mkDPIhdr_version(SNMP_DPI_GET, 2, 0);
     dpi_hdr* reg = mkDPIhdr_version(SNMP_DPI_REGISTER, 2, 0);
     dpi_hdr* v1 = mkDPIhdr_version(SNMP_DPI_GET, 1, 1);
@@ -388,8 +440,7 @@ TEST(DpiBuild, ResponseFollowsRequest)
     fDPIparse(v1);
 }
 
-TEST(DpiBuild, HeaderVersionsAndPacketNumbers)
-{
+TEST(DpiBuild, HeaderVersionsAndPacketNumbers) {
     uint16_t before = next_packet_id();
     dpi_hdr* v1 = mkDPIhdr_version(SNMP_DPI_GET, 1, 1);
     ASSERT_NE(v1, nullptr);
@@ -417,8 +468,7 @@ TEST(DpiBuild, HeaderVersionsAndPacketNumbers)
 
 // Trees assembled by hand and abandoned part-way must release whatever they hold; the leak
 // checker of the sanitizer build is the judge here.
-TEST(DpiRelease, HalfBuiltTrees)
-{
+TEST(DpiRelease, HalfBuiltTrees) {
     dpi_hdr* hdr = static_cast<dpi_hdr*>(calloc(1, sizeof(dpi_hdr)));
     hdr->packet_type = SNMP_DPI_RESPONSE;
     auto* resp = static_cast<dpi_resp_packet*>(calloc(1, sizeof(dpi_resp_packet)));
@@ -467,8 +517,7 @@ TEST(DpiRelease, HalfBuiltTrees)
     EXPECT_EQ(mkDPIpacket(hdr), nullptr);
 }
 
-TEST(DpiDebug, AnnouncesChangesOnly)
-{
+TEST(DpiDebug, AnnouncesChangesOnly) {
     testing::internal::CaptureStdout();
     DPIdebug(0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
@@ -478,7 +527,8 @@ TEST(DpiDebug, AnnouncesChangesOnly)
     DPIdebug(1);
     std::string on = testing::internal::GetCapturedStdout();
     EXPECT_EQ(on.rfind("DPI Debug turned ON (level 1)\nDPI Debug code not available\n"
-                       "snmpmDPI.cpp - DPI Version 2.0.22, 96Sep30, Compiled ", 0),
+                       "snmpmDPI.cpp - DPI Version 2.0.22, 96Sep30, Compiled ",
+                       0),
               0u)
         << on;
     EXPECT_EQ(std::count(on.begin(), on.end(), '\n'), 3);

@@ -11,8 +11,7 @@
 
 namespace {
 
-std::string to_hex(const unsigned char* bytes, size_t len)
-{
+std::string to_hex(const unsigned char* bytes, size_t len) {
     static const char digits[] = "0123456789abcdef";
     std::string hex;
     for (size_t i = 0; i < len; i++) {
@@ -23,8 +22,7 @@ std::string to_hex(const unsigned char* bytes, size_t len)
 }
 
 // Spaces are for reading only; a leading "LLLL" is replaced by the packet's own length.
-std::vector<unsigned char> from_hex(const char* text)
-{
+std::vector<unsigned char> from_hex(const char* text) {
     std::string hex;
     for (const char* p = text; *p != '\0'; p++) {
         if (*p != ' ') {
@@ -46,13 +44,11 @@ std::vector<unsigned char> from_hex(const char* text)
     return bytes;
 }
 
-std::string text(const char* t)
-{
+std::string text(const char* t) {
     return t == nullptr ? "(null)" : t;
 }
 
-std::string value_text(const dpi_set_packet* vb)
-{
+std::string value_text(const dpi_set_packet* vb) {
     if (vb->value == nullptr) {
         return vb->value_len == 0 ? "-" : "(missing)";
     }
@@ -75,14 +71,13 @@ std::string value_text(const dpi_set_packet* vb)
 
 // One line per tree; two trees are equal when their lines are. `objects_only` leaves out
 // group and instance of GET records and varBinds, which version 1 does not carry apart.
-std::string dump(const dpi_hdr* hdr, bool objects_only = false)
-{
+std::string dump(const dpi_hdr* hdr, bool objects_only = false) {
     if (hdr == nullptr) {
         return "(null)";
     }
     std::string out = "v" + std::to_string(hdr->version) + "." + std::to_string(hdr->release) +
-                      " id=" + std::to_string(hdr->packet_id) + " t=" +
-                      std::to_string(hdr->packet_type);
+                      " id=" + std::to_string(hdr->packet_id) +
+                      " t=" + std::to_string(hdr->packet_type);
     if (hdr->extra_len != 0 || hdr->extra != nullptr) {
         out += " x=" + to_hex(hdr->extra, hdr->extra_len);
     }
@@ -98,71 +93,74 @@ std::string dump(const dpi_hdr* hdr, bool objects_only = false)
         return s;
     };
     switch (hdr->packet_type) {
-    case SNMP_DPI_GET:
-        for (auto* r = static_cast<const dpi_get_packet*>(hdr->data); r; r = r->next) {
-            out += " get[" + ids(r->group_id, r->instance_id, r->object_id) + "]";
+        case SNMP_DPI_GET:
+            for (auto* r = static_cast<const dpi_get_packet*>(hdr->data); r; r = r->next) {
+                out += " get[" + ids(r->group_id, r->instance_id, r->object_id) + "]";
+            }
+            break;
+        case SNMP_DPI_GETNEXT:
+            for (auto* r = static_cast<const dpi_next_packet*>(hdr->data); r; r = r->next) {
+                out += " next[g=" + text(r->group_id) + " i=" + text(r->instance_id) +
+                       " o=" + text(r->object_id) + "]";
+            }
+            break;
+        case SNMP_DPI_SET:
+        case SNMP_DPI_COMMIT:
+        case SNMP_DPI_UNDO:
+            out += varbinds(static_cast<const dpi_set_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_TRAP: {
+            auto* t = static_cast<const dpi_trap_packet*>(hdr->data);
+            out += " trap g=" + std::to_string(t->generic) + " s=" + std::to_string(t->specific) +
+                   " e=" + text(t->enterprise_id) + varbinds(t->varBinds);
+            break;
         }
-        break;
-    case SNMP_DPI_GETNEXT:
-        for (auto* r = static_cast<const dpi_next_packet*>(hdr->data); r; r = r->next) {
-            out += " next[g=" + text(r->group_id) + " i=" + text(r->instance_id) +
-                   " o=" + text(r->object_id) + "]";
+        case SNMP_DPI_RESPONSE: {
+            auto* r = static_cast<const dpi_resp_packet*>(hdr->data);
+            out += " resp c=" + std::to_string(r->error_code) +
+                   " i=" + std::to_string(r->error_index) + varbinds(r->varBinds);
+            break;
         }
-        break;
-    case SNMP_DPI_SET:
-    case SNMP_DPI_COMMIT:
-    case SNMP_DPI_UNDO:
-        out += varbinds(static_cast<const dpi_set_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_TRAP: {
-        auto* t = static_cast<const dpi_trap_packet*>(hdr->data);
-        out += " trap g=" + std::to_string(t->generic) + " s=" + std::to_string(t->specific) +
-               " e=" + text(t->enterprise_id) + varbinds(t->varBinds);
-        break;
-    }
-    case SNMP_DPI_RESPONSE: {
-        auto* r = static_cast<const dpi_resp_packet*>(hdr->data);
-        out += " resp c=" + std::to_string(r->error_code) + " i=" +
-               std::to_string(r->error_index) + varbinds(r->varBinds);
-        break;
-    }
-    case SNMP_DPI_REGISTER:
-        for (auto* r = static_cast<const dpi_reg_packet*>(hdr->data); r; r = r->next) {
-            out += " reg[p=" + std::to_string(r->priority) + " t=" + std::to_string(r->timeout) +
-                   " v=" + std::to_string(r->view_selection) +
-                   " b=" + std::to_string(r->bulk_selection) + " g=" + text(r->group_id) + "]";
+        case SNMP_DPI_REGISTER:
+            for (auto* r = static_cast<const dpi_reg_packet*>(hdr->data); r; r = r->next) {
+                out += " reg[p=" + std::to_string(r->priority) +
+                       " t=" + std::to_string(r->timeout) +
+                       " v=" + std::to_string(r->view_selection) +
+                       " b=" + std::to_string(r->bulk_selection) + " g=" + text(r->group_id) + "]";
+            }
+            break;
+        case SNMP_DPI_UNREGISTER:
+            for (auto* r = static_cast<const dpi_ureg_packet*>(hdr->data); r; r = r->next) {
+                out += " ureg[r=" + std::to_string(r->reason) + " g=" + text(r->group_id) + "]";
+            }
+            break;
+        case SNMP_DPI_OPEN: {
+            auto* o = static_cast<const dpi_open_packet*>(hdr->data);
+            out += " open t=" + std::to_string(o->timeout) +
+                   " m=" + std::to_string(o->max_varbinds) +
+                   " c=" + std::to_string(o->character_set) + " o=" + text(o->object_id) +
+                   " d=" + text(o->description) +
+                   " p=" + (o->password ? to_hex(o->password, o->password_len) : "(null)");
+            break;
         }
-        break;
-    case SNMP_DPI_UNREGISTER:
-        for (auto* r = static_cast<const dpi_ureg_packet*>(hdr->data); r; r = r->next) {
-            out += " ureg[r=" + std::to_string(r->reason) + " g=" + text(r->group_id) + "]";
-        }
-        break;
-    case SNMP_DPI_OPEN: {
-        auto* o = static_cast<const dpi_open_packet*>(hdr->data);
-        out += " open t=" + std::to_string(o->timeout) + " m=" + std::to_string(o->max_varbinds) +
-               " c=" + std::to_string(o->character_set) + " o=" + text(o->object_id) +
-               " d=" + text(o->description) + " p=" +
-               (o->password ? to_hex(o->password, o->password_len) : "(null)");
-        break;
-    }
-    case SNMP_DPI_CLOSE:
-        out += " close r=" + std::to_string(static_cast<const dpi_close_packet*>(hdr->data)->reason);
-        break;
-    default:
-        if (hdr->data != nullptr) {
-            out += " (data)";
-        }
-        break;
+        case SNMP_DPI_CLOSE:
+            out += " close r=" +
+                   std::to_string(static_cast<const dpi_close_packet*>(hdr->data)->reason);
+            break;
+        default:
+            if (hdr->data != nullptr) {
+                out += " (data)";
+            }
+            break;
     }
     return out;
 }
 
 // What serialising a parsed tree again gives.
 enum Again {
-    SAME,   // the very bytes parsed
-    FAILS,  // no packet: the tree holds what the writer refuses
-    OTHER,  // a packet, but not byte for byte (ignored trailing bytes, added NULs)
+    SAME,     // the very bytes parsed
+    FAILS,    // no packet: the tree holds what the writer refuses
+    OTHER,    // a packet, but not byte for byte (ignored trailing bytes, added NULs)
     CHANGED,  // a packet of another tree: the writer joins group and instance itself
 };
 
@@ -185,8 +183,7 @@ const ParseRow parse_rows[] = {
     {"length below the version-1 header", "0003 020100 09", nullptr, SAME},
     {"length field only", "0000", nullptr, SAME},
     {"negative length", "8006 020200 0001 0f", nullptr, SAME},
-    {"are you there, bytes after it ignored", "LLLL 020200 0005 0f abcd",
-     "v2.0 id=5 t=15", OTHER},
+    {"are you there, bytes after it ignored", "LLLL 020200 0005 0f abcd", "v2.0 id=5 t=15", OTHER},
     {"getbulk", "LLLL 020200 0001 0c 0000 312e00 00", nullptr, SAME},
     {"trapv2", "LLLL 020200 0001 0d 00000000 00000000 00", nullptr, SAME},
     {"inform", "LLLL 020200 0001 0e 00", nullptr, SAME},
@@ -219,10 +216,10 @@ const ParseRow parse_rows[] = {
      "v2.0 id=12 t=3 [g=1.3. i=7 o=1.3.7 t=13 v=1:2]", SAME},
     {"set, Integer32 of no bytes", "LLLL 020200 000b 03 0000 312e332e00 00 810000", nullptr, SAME},
     {"set, Counter64 of no bytes", "LLLL 020200 000b 03 0000 312e332e00 00 0d0000", nullptr, SAME},
-    {"set, Counter64 of 4 bytes", "LLLL 020200 000d 03 0000 312e332e00 00 0d0004 00000001",
-     nullptr, SAME},
-    {"set, value longer than body", "LLLL 020200 000e 03 0000 312e332e00 00 020005 6162",
-     nullptr, SAME},
+    {"set, Counter64 of 4 bytes", "LLLL 020200 000d 03 0000 312e332e00 00 0d0004 00000001", nullptr,
+     SAME},
+    {"set, value longer than body", "LLLL 020200 000e 03 0000 312e332e00 00 020005 6162", nullptr,
+     SAME},
     {"set, value length 32768", "LLLL 020200 000f 03 0000 312e332e00 00 028000 6162", nullptr,
      SAME},
     {"set, value type and length cut", "LLLL 020200 0010 03 0000 312e332e00 00 0200", nullptr,
@@ -241,7 +238,8 @@ const ParseRow parse_rows[] = {
     {"trap, enterprise and varBind",
      "LLLL 020200 0011 04 00000006 0000002a 312e3300 312e332e00 3100 880004 00000009",
      "v2.0 id=17 t=4 trap g=6 s=42 e=1.3 [g=1.3. i=1 o=1.3.1 t=136 v=9]", SAME},
-    {"trap, no enterprise, varBind", "LLLL 020200 0012 04 00000000 00000000 00 312e332e00 00 020000",
+    {"trap, no enterprise, varBind",
+     "LLLL 020200 0012 04 00000000 00000000 00 312e332e00 00 020000",
      "v2.0 id=18 t=4 trap g=0 s=0 e=(null) [g=1.3. i=(null) o=1.3 t=2 v=-]", SAME},
     {"trap, 7 bytes", "LLLL 020200 0013 04 00000006 000000", nullptr, SAME},
     {"version-1.0 trap", "LLLL 020100 04 03 ff", "v1.0 id=0 t=4 trap g=3 s=255 e=(null)", SAME},
@@ -268,10 +266,10 @@ const ParseRow parse_rows[] = {
 
     {"open", "LLLL 020200 0016 08 000a 0014 01 312e3300 6400 0003 707721",
      "v2.0 id=22 t=8 open t=10 m=20 c=1 o=1.3 d=d p=707721", SAME},
-    {"open without password, rest ignored", "LLLL 020200 0016 08 000a 0014 01 312e3300 6400 0000 ff",
+    {"open without password, rest ignored",
+     "LLLL 020200 0016 08 000a 0014 01 312e3300 6400 0000 ff",
      "v2.0 id=22 t=8 open t=10 m=20 c=1 o=1.3 d=d p=(null)", OTHER},
-    {"open, empty description", "LLLL 020200 0016 08 000a 0014 01 312e3300 00 0000", nullptr,
-     SAME},
+    {"open, empty description", "LLLL 020200 0016 08 000a 0014 01 312e3300 00 0000", nullptr, SAME},
     {"open, empty identifier", "LLLL 020200 0016 08 000a 0014 01 00 6400 0000", nullptr, SAME},
     {"open, 4 bytes", "LLLL 020200 0016 08 000a 0014", nullptr, SAME},
     {"open, password cut", "LLLL 020200 0016 08 000a 0014 01 312e3300 6400 0005 7077", nullptr,
@@ -288,14 +286,13 @@ const ParseRow parse_rows[] = {
      "v1.0 id=0 t=2 next[g=(null) i=(null) o=1.3]", FAILS},
     {"version-1 getnext, empty object", "LLLL 020100 02 00 312e00", nullptr, SAME},
     {"version-1 getnext, empty group", "LLLL 020100 02 312e3300 00", nullptr, SAME},
-    {"getnext", "LLLL 020200 0018 02 0000 312e332e00 3100", "v2.0 id=24 t=2 next[g=1.3. i=1 o=1.3.1]",
-     SAME},
+    {"getnext", "LLLL 020200 0018 02 0000 312e332e00 3100",
+     "v2.0 id=24 t=2 next[g=1.3. i=1 o=1.3.1]", SAME},
 };
 
 // Runs the parser on an allocation of exactly `len` bytes, so that any read past the packet
 // is caught by the address sanitizer.
-dpi_hdr* parse_exact(const unsigned char* bytes, size_t len)
-{
+dpi_hdr* parse_exact(const unsigned char* bytes, size_t len) {
     unsigned char* copy = static_cast<unsigned char*>(malloc(len));
     memcpy(copy, bytes, len);
     dpi_hdr* hdr = pDPIpacket(copy);
@@ -303,8 +300,7 @@ dpi_hdr* parse_exact(const unsigned char* bytes, size_t len)
     return hdr;
 }
 
-TEST(DpiParse, Vectors)
-{
+TEST(DpiParse, Vectors) {
     EXPECT_EQ(pDPIpacket(nullptr), nullptr);
     for (const ParseRow& row : parse_rows) {
         SCOPED_TRACE(row.name);
@@ -340,8 +336,7 @@ TEST(DpiParse, Vectors)
 
 // Every prefix of a packet, with its length field saying so, is either refused or read as a
 // shorter packet; never read beyond, never leaked.
-void check_truncations(const std::vector<unsigned char>& bytes)
-{
+void check_truncations(const std::vector<unsigned char>& bytes) {
     for (size_t len = 2; len < bytes.size(); len++) {
         SCOPED_TRACE(len);
         std::vector<unsigned char> cut(bytes.begin(), bytes.begin() + static_cast<long>(len));
@@ -358,8 +353,7 @@ void check_truncations(const std::vector<unsigned char>& bytes)
     }
 }
 
-TEST(DpiParse, EveryTruncation)
-{
+TEST(DpiParse, EveryTruncation) {
     for (const ParseRow& row : parse_rows) {
         if (row.tree != nullptr) {
             SCOPED_TRACE(row.name);
@@ -388,8 +382,7 @@ TEST(DpiParse, EveryTruncation)
 }
 
 // A tree of every packet type, as a subagent or the agent would build it, in one version.
-std::vector<dpi_hdr*> sample_trees(int version, int release)
-{
+std::vector<dpi_hdr*> sample_trees(int version, int release) {
     std::vector<dpi_hdr*> trees;
     auto hdr = [&](int type) {
         dpi_hdr* h = mkDPIhdr_version(type, version, release);
@@ -415,14 +408,16 @@ std::vector<dpi_hdr*> sample_trees(int version, int release)
     };
 
     dpi_hdr* get = hdr(SNMP_DPI_GET);
-    get->data = mkDPIget_packet(mkDPIget_packet(nullptr, "1.3.6.1.2.1.1.", "1.0"), "1.3.6.", nullptr);
+    get->data =
+        mkDPIget_packet(mkDPIget_packet(nullptr, "1.3.6.1.2.1.1.", "1.0"), "1.3.6.", nullptr);
     if (version == 2) {
         get->extra_len = 2;
         get->extra = static_cast<unsigned char*>(malloc(2));
         memcpy(get->extra, "\x01\x02", 2);
     }
     dpi_hdr* next = hdr(SNMP_DPI_GETNEXT);
-    next->data = mkDPInext_packet(mkDPInext_packet(nullptr, "1.3.6.1.2.1.1.", "1.0"), "1.3.6.", nullptr);
+    next->data =
+        mkDPInext_packet(mkDPInext_packet(nullptr, "1.3.6.1.2.1.1.", "1.0"), "1.3.6.", nullptr);
     for (int type : {SNMP_DPI_SET, SNMP_DPI_COMMIT, SNMP_DPI_UNDO}) {
         hdr(type)->data = varbinds();
     }
@@ -439,8 +434,8 @@ std::vector<dpi_hdr*> sample_trees(int version, int release)
     hdr(SNMP_DPI_RESPONSE)->data = resp;
     dpi_reg_packet* regs = nullptr;
     if (version == 2) {
-        regs = mkDPIreg_packet(mkDPIreg_packet(nullptr, 10, -1, "1.3.6.1.4.1.9.", 1, 0), 65535,
-                               100, "1.3.6.1.4.1.10.", 0, 1);
+        regs = mkDPIreg_packet(mkDPIreg_packet(nullptr, 10, -1, "1.3.6.1.4.1.9.", 1, 0), 65535, 100,
+                               "1.3.6.1.4.1.10.", 0, 1);
     } else {
         regs = mkDPIreg_packet(mkDPIreg_packet(nullptr, 0, 0, "1.3.6.1.4.1.9.", 0, 0), 0, 0,
                                "1.3.6.1.4.1.10.", 0, 0);
@@ -465,8 +460,7 @@ std::vector<dpi_hdr*> sample_trees(int version, int release)
     return trees;
 }
 
-TEST(DpiRoundTrip, EveryTypeEveryVersion)
-{
+TEST(DpiRoundTrip, EveryTypeEveryVersion) {
     const int versions[][2] = {{2, 0}, {1, 0}, {1, 1}};
     for (const auto& vr : versions) {
         for (dpi_hdr* tree : sample_trees(vr[0], vr[1])) {
@@ -486,8 +480,7 @@ TEST(DpiRoundTrip, EveryTypeEveryVersion)
     }
 }
 
-TEST(DpiRoundTrip, VersionOneGetnextKeepsGroupAndInstance)
-{
+TEST(DpiRoundTrip, VersionOneGetnextKeepsGroupAndInstance) {
     for (const char* group : {"1.3.6.1.2.1.1.", "1.3."}) {
         SCOPED_TRACE(group);
         dpi_hdr* tree = mkDPIhdr_version(SNMP_DPI_GETNEXT, 1, 0);

@@ -2,8 +2,8 @@
 // Everything a DPI 2.0 subagent needs: packet building, parsing and release, the
 // connection calls, and the port query. Compiles as C11 and as C++.
 
-#include "snmpmDPI.h"
 #include "snmplDPI.h"
+#include "snmpmDPI.h"
 #include "snmpqDPI.h"
 
 // The traditional spelling of the packet-size helper.

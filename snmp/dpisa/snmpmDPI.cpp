@@ -26,8 +26,7 @@ static const char dpi_banner[] = "DPI Version 2.0.22, 96Sep30, Compiled " __DATE
 
 // A heap copy of `text`; `out_len` gets its size including the NUL even when the allocation
 // fails, so a reader can still tell how far the text reached.
-static char* copy(const char* text, size_t* out_len)
-{
+static char* copy(const char* text, size_t* out_len) {
     if (text == nullptr) {
         *out_len = 0;
         return nullptr;
@@ -41,8 +40,7 @@ static char* copy(const char* text, size_t* out_len)
     return dup;
 }
 
-static char* concat(const char* first, const char* second)
-{
+static char* concat(const char* first, const char* second) {
     if (first == nullptr) {
         return nullptr;
     }
@@ -60,29 +58,25 @@ static char* concat(const char* first, const char* second)
     return joined;
 }
 
-static bool ends_with_dot(const char* text)
-{
+static bool ends_with_dot(const char* text) {
     size_t len = strlen(text);
     return len != 0 && text[len - 1] == '.';
 }
 
-static void drop_final_dot(char* text)
-{
+static void drop_final_dot(char* text) {
     if (text != nullptr && ends_with_dot(text)) {
         text[strlen(text) - 1] = '\0';
     }
 }
 
 // An empty instance text means the same as none.
-static bool has_instance(const char* instance)
-{
+static bool has_instance(const char* instance) {
     return instance != nullptr && instance[0] != '\0';
 }
 
 // ---- release ----
 
-static void fDPIget_packet(dpi_get_packet* chain)
-{
+static void fDPIget_packet(dpi_get_packet* chain) {
     while (chain != nullptr) {
         dpi_get_packet* next = chain->next;
         free(chain->object_id);
@@ -93,8 +87,7 @@ static void fDPIget_packet(dpi_get_packet* chain)
     }
 }
 
-static void fDPInext_packet(dpi_next_packet* chain)
-{
+static void fDPInext_packet(dpi_next_packet* chain) {
     while (chain != nullptr) {
         dpi_next_packet* next = chain->next;
         free(chain->object_id);
@@ -105,8 +98,7 @@ static void fDPInext_packet(dpi_next_packet* chain)
     }
 }
 
-void fDPIset_packet(dpi_set_packet* chain)
-{
+void fDPIset_packet(dpi_set_packet* chain) {
     while (chain != nullptr) {
         dpi_set_packet* next = chain->next;
         free(chain->object_id);
@@ -118,8 +110,7 @@ void fDPIset_packet(dpi_set_packet* chain)
     }
 }
 
-static void fDPIreg_packet(dpi_reg_packet* chain)
-{
+static void fDPIreg_packet(dpi_reg_packet* chain) {
     while (chain != nullptr) {
         dpi_reg_packet* next = chain->next;
         free(chain->group_id);
@@ -128,8 +119,7 @@ static void fDPIreg_packet(dpi_reg_packet* chain)
     }
 }
 
-static void fDPIureg_packet(dpi_ureg_packet* chain)
-{
+static void fDPIureg_packet(dpi_ureg_packet* chain) {
     while (chain != nullptr) {
         dpi_ureg_packet* next = chain->next;
         free(chain->group_id);
@@ -138,8 +128,7 @@ static void fDPIureg_packet(dpi_ureg_packet* chain)
     }
 }
 
-static void fDPItrap_packet(dpi_trap_packet* trap)
-{
+static void fDPItrap_packet(dpi_trap_packet* trap) {
     if (trap == nullptr) {
         return;
     }
@@ -148,8 +137,7 @@ static void fDPItrap_packet(dpi_trap_packet* trap)
     free(trap);
 }
 
-static void fDPIresp_packet(dpi_resp_packet* resp)
-{
+static void fDPIresp_packet(dpi_resp_packet* resp) {
     if (resp == nullptr) {
         return;
     }
@@ -157,8 +145,7 @@ static void fDPIresp_packet(dpi_resp_packet* resp)
     free(resp);
 }
 
-static void fDPIopen_packet(dpi_open_packet* open)
-{
+static void fDPIopen_packet(dpi_open_packet* open) {
     if (open == nullptr) {
         return;
     }
@@ -168,49 +155,47 @@ static void fDPIopen_packet(dpi_open_packet* open)
     free(open);
 }
 
-static void fDPIclose_packet(dpi_close_packet* close)
-{
+static void fDPIclose_packet(dpi_close_packet* close) {
     free(close);
 }
 
-void fDPIparse(dpi_hdr* hdr)
-{
+void fDPIparse(dpi_hdr* hdr) {
     if (hdr == nullptr) {
         return;
     }
     switch (hdr->packet_type) {
-    case SNMP_DPI_GET:
-        fDPIget_packet(static_cast<dpi_get_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_GETNEXT:
-        fDPInext_packet(static_cast<dpi_next_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_SET:
-    case SNMP_DPI_COMMIT:
-    case SNMP_DPI_UNDO:
-        fDPIset_packet(static_cast<dpi_set_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_TRAP:
-        fDPItrap_packet(static_cast<dpi_trap_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_RESPONSE:
-        fDPIresp_packet(static_cast<dpi_resp_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_REGISTER:
-        fDPIreg_packet(static_cast<dpi_reg_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_UNREGISTER:
-        fDPIureg_packet(static_cast<dpi_ureg_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_OPEN:
-        fDPIopen_packet(static_cast<dpi_open_packet*>(hdr->data));
-        break;
-    case SNMP_DPI_CLOSE:
-        fDPIclose_packet(static_cast<dpi_close_packet*>(hdr->data));
-        break;
-    default:
-        // No record type is known for the rest; whatever `data` holds is not ours to free.
-        break;
+        case SNMP_DPI_GET:
+            fDPIget_packet(static_cast<dpi_get_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_GETNEXT:
+            fDPInext_packet(static_cast<dpi_next_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_SET:
+        case SNMP_DPI_COMMIT:
+        case SNMP_DPI_UNDO:
+            fDPIset_packet(static_cast<dpi_set_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_TRAP:
+            fDPItrap_packet(static_cast<dpi_trap_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_RESPONSE:
+            fDPIresp_packet(static_cast<dpi_resp_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_REGISTER:
+            fDPIreg_packet(static_cast<dpi_reg_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_UNREGISTER:
+            fDPIureg_packet(static_cast<dpi_ureg_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_OPEN:
+            fDPIopen_packet(static_cast<dpi_open_packet*>(hdr->data));
+            break;
+        case SNMP_DPI_CLOSE:
+            fDPIclose_packet(static_cast<dpi_close_packet*>(hdr->data));
+            break;
+        default:
+            // No record type is known for the rest; whatever `data` holds is not ours to free.
+            break;
     }
     free(hdr->extra);
     free(hdr);
@@ -225,19 +210,16 @@ struct dpi_cursor {
     size_t left;
 };
 
-static uint32_t int_val(const unsigned char* p)
-{
+static uint32_t int_val(const unsigned char* p) {
     return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
            static_cast<uint32_t>(p[2]) << 8 | static_cast<uint32_t>(p[3]);
 }
 
-static int16_t s_int_val(const unsigned char* p)
-{
+static int16_t s_int_val(const unsigned char* p) {
     return static_cast<int16_t>(static_cast<uint16_t>(p[0] << 8 | p[1]));
 }
 
-static bool take_u8(dpi_cursor* c, uint8_t* out)
-{
+static bool take_u8(dpi_cursor* c, uint8_t* out) {
     if (c->left < 1) {
         return false;
     }
@@ -247,8 +229,7 @@ static bool take_u8(dpi_cursor* c, uint8_t* out)
     return true;
 }
 
-static bool take_u16(dpi_cursor* c, uint16_t* out)
-{
+static bool take_u16(dpi_cursor* c, uint16_t* out) {
     if (c->left < 2) {
         return false;
     }
@@ -258,8 +239,7 @@ static bool take_u16(dpi_cursor* c, uint16_t* out)
     return true;
 }
 
-static bool take_u32(dpi_cursor* c, uint32_t* out)
-{
+static bool take_u32(dpi_cursor* c, uint32_t* out) {
     if (c->left < 4) {
         return false;
     }
@@ -270,8 +250,7 @@ static bool take_u32(dpi_cursor* c, uint32_t* out)
 }
 
 // A NUL-terminated text that must end inside the body.
-static bool take_text(dpi_cursor* c, char** out)
-{
+static bool take_text(dpi_cursor* c, char** out) {
     if (c->left == 0 || memchr(c->p, '\0', c->left) == nullptr) {
         return false;
     }
@@ -285,13 +264,11 @@ static bool take_text(dpi_cursor* c, char** out)
     return true;
 }
 
-static bool next_is_nul(const dpi_cursor* c)
-{
+static bool next_is_nul(const dpi_cursor* c) {
     return c->left > 0 && c->p[0] == 0;
 }
 
-static void skip(dpi_cursor* c, size_t n)
-{
+static void skip(dpi_cursor* c, size_t n) {
     c->p += n;
     c->left -= n;
 }
@@ -299,8 +276,7 @@ static void skip(dpi_cursor* c, size_t n)
 // The identifier part of a GET record or a varBind. Version 1 carries the object identifier
 // alone; version 2 a group that may not be empty, then an instance or a lone NUL.
 static bool take_identifier(int version, dpi_cursor* c, char** group_id, char** instance_id,
-                            char** object_id)
-{
+                            char** object_id) {
     if (version == 1) {
         if (!take_text(c, group_id)) {
             return false;
@@ -332,8 +308,7 @@ static bool take_identifier(int version, dpi_cursor* c, char** group_id, char** 
 
 // Reads varBinds until the body ends, linking each record before filling it so that a
 // failure part-way leaves everything reachable from `*head`.
-static bool read_varbinds(int version, dpi_cursor* c, dpi_set_packet** head)
-{
+static bool read_varbinds(int version, dpi_cursor* c, dpi_set_packet** head) {
     dpi_set_packet** tail = head;
     while (c->left > 0) {
         dpi_set_packet* vb = static_cast<dpi_set_packet*>(calloc(1, sizeof *vb));
@@ -383,8 +358,7 @@ static bool read_varbinds(int version, dpi_cursor* c, dpi_set_packet** head)
     return true;
 }
 
-static dpi_set_packet* pDPIset(const dpi_hdr* hdr, dpi_cursor c)
-{
+static dpi_set_packet* pDPIset(const dpi_hdr* hdr, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -396,8 +370,7 @@ static dpi_set_packet* pDPIset(const dpi_hdr* hdr, dpi_cursor c)
     return head;
 }
 
-static bool read_gets(int version, dpi_cursor* c, dpi_get_packet** head)
-{
+static bool read_gets(int version, dpi_cursor* c, dpi_get_packet** head) {
     dpi_get_packet** tail = head;
     while (c->left > 0) {
         dpi_get_packet* rec = static_cast<dpi_get_packet*>(calloc(1, sizeof *rec));
@@ -413,8 +386,7 @@ static bool read_gets(int version, dpi_cursor* c, dpi_get_packet** head)
     return true;
 }
 
-static dpi_get_packet* pDPIget(const dpi_hdr* hdr, dpi_cursor c)
-{
+static dpi_get_packet* pDPIget(const dpi_hdr* hdr, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -429,8 +401,7 @@ static dpi_get_packet* pDPIget(const dpi_hdr* hdr, dpi_cursor c)
 // Version 1 sends the object identifier and then the group it belongs to. Writers differ in
 // whether that group keeps its final dot, so the instance starts right after the group when
 // the dot is there, and after the group plus one separator when it is not.
-static bool read_next_v1(dpi_cursor* c, dpi_next_packet* rec)
-{
+static bool read_next_v1(dpi_cursor* c, dpi_next_packet* rec) {
     if (next_is_nul(c) || !take_text(c, &rec->object_id)) {
         return false;
     }
@@ -455,8 +426,7 @@ static bool read_next_v1(dpi_cursor* c, dpi_next_packet* rec)
     return true;
 }
 
-static bool read_nexts(int version, dpi_cursor* c, dpi_next_packet** head)
-{
+static bool read_nexts(int version, dpi_cursor* c, dpi_next_packet** head) {
     dpi_next_packet** tail = head;
     while (c->left > 0) {
         dpi_next_packet* rec = static_cast<dpi_next_packet*>(calloc(1, sizeof *rec));
@@ -475,8 +445,7 @@ static bool read_nexts(int version, dpi_cursor* c, dpi_next_packet** head)
     return true;
 }
 
-static dpi_next_packet* pDPInext(const dpi_hdr* hdr, dpi_cursor c)
-{
+static dpi_next_packet* pDPInext(const dpi_hdr* hdr, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -488,8 +457,7 @@ static dpi_next_packet* pDPInext(const dpi_hdr* hdr, dpi_cursor c)
     return head;
 }
 
-static bool read_trap(const dpi_hdr* hdr, dpi_cursor* c, dpi_trap_packet* trap)
-{
+static bool read_trap(const dpi_hdr* hdr, dpi_cursor* c, dpi_trap_packet* trap) {
     if (hdr->version == 1 && hdr->release == 0) {
         // Version 1.0 has one-byte trap numbers and no enterprise.
         uint8_t generic = 0;
@@ -518,8 +486,7 @@ static bool read_trap(const dpi_hdr* hdr, dpi_cursor* c, dpi_trap_packet* trap)
     return c->left == 0 || read_varbinds(hdr->version, c, &trap->varBinds);
 }
 
-static dpi_trap_packet* pDPItrap(const dpi_hdr* hdr, dpi_cursor c)
-{
+static dpi_trap_packet* pDPItrap(const dpi_hdr* hdr, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -534,8 +501,7 @@ static dpi_trap_packet* pDPItrap(const dpi_hdr* hdr, dpi_cursor c)
     return trap;
 }
 
-static dpi_resp_packet* pDPIresp(const dpi_hdr* hdr, dpi_cursor c)
-{
+static dpi_resp_packet* pDPIresp(const dpi_hdr* hdr, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -562,8 +528,7 @@ static dpi_resp_packet* pDPIresp(const dpi_hdr* hdr, dpi_cursor c)
     return resp;
 }
 
-static bool read_regs(int version, dpi_cursor* c, dpi_reg_packet** head)
-{
+static bool read_regs(int version, dpi_cursor* c, dpi_reg_packet** head) {
     dpi_reg_packet** tail = head;
     while (c->left > 0) {
         dpi_reg_packet* rec = static_cast<dpi_reg_packet*>(calloc(1, sizeof *rec));
@@ -587,8 +552,7 @@ static bool read_regs(int version, dpi_cursor* c, dpi_reg_packet** head)
     return true;
 }
 
-static dpi_reg_packet* pDPIreg(const dpi_hdr* hdr, dpi_cursor c)
-{
+static dpi_reg_packet* pDPIreg(const dpi_hdr* hdr, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -600,8 +564,7 @@ static dpi_reg_packet* pDPIreg(const dpi_hdr* hdr, dpi_cursor c)
     return head;
 }
 
-static bool read_uregs(dpi_cursor* c, dpi_ureg_packet** head)
-{
+static bool read_uregs(dpi_cursor* c, dpi_ureg_packet** head) {
     dpi_ureg_packet** tail = head;
     while (c->left > 0) {
         dpi_ureg_packet* rec = static_cast<dpi_ureg_packet*>(calloc(1, sizeof *rec));
@@ -617,8 +580,7 @@ static bool read_uregs(dpi_cursor* c, dpi_ureg_packet** head)
     return true;
 }
 
-static dpi_ureg_packet* pDPIureg(const dpi_hdr*, dpi_cursor c)
-{
+static dpi_ureg_packet* pDPIureg(const dpi_hdr*, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -630,8 +592,7 @@ static dpi_ureg_packet* pDPIureg(const dpi_hdr*, dpi_cursor c)
     return head;
 }
 
-static bool read_open(dpi_cursor* c, dpi_open_packet* open)
-{
+static bool read_open(dpi_cursor* c, dpi_open_packet* open) {
     if (!take_u16(c, &open->timeout) || !take_u16(c, &open->max_varbinds) ||
         !take_u8(c, &open->character_set)) {
         return false;
@@ -659,8 +620,7 @@ static bool read_open(dpi_cursor* c, dpi_open_packet* open)
     return true;
 }
 
-static dpi_open_packet* pDPIopen(const dpi_hdr*, dpi_cursor c)
-{
+static dpi_open_packet* pDPIopen(const dpi_hdr*, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -675,8 +635,7 @@ static dpi_open_packet* pDPIopen(const dpi_hdr*, dpi_cursor c)
     return open;
 }
 
-static dpi_close_packet* pDPIclose(const dpi_hdr*, dpi_cursor c)
-{
+static dpi_close_packet* pDPIclose(const dpi_hdr*, dpi_cursor c) {
     if (c.left == 0) {
         return nullptr;
     }
@@ -687,8 +646,7 @@ static dpi_close_packet* pDPIclose(const dpi_hdr*, dpi_cursor c)
     return close;
 }
 
-static bool carries_extra(int packet_type)
-{
+static bool carries_extra(int packet_type) {
     return packet_type == SNMP_DPI_GET || packet_type == SNMP_DPI_GETNEXT ||
            packet_type == SNMP_DPI_SET || packet_type == SNMP_DPI_COMMIT ||
            packet_type == SNMP_DPI_UNDO;
@@ -696,8 +654,7 @@ static bool carries_extra(int packet_type)
 
 // Fills the header fields and returns the header length, or 0 when the header is not one we
 // accept or does not fit in the declared length.
-static size_t read_header(const unsigned char* packet, size_t total, dpi_hdr* hdr)
-{
+static size_t read_header(const unsigned char* packet, size_t total, dpi_hdr* hdr) {
     if (total < 5) {
         return 0;
     }
@@ -723,8 +680,7 @@ static size_t read_header(const unsigned char* packet, size_t total, dpi_hdr* hd
     return hdr_len;
 }
 
-dpi_hdr* pDPIpacket(const unsigned char* packet)
-{
+dpi_hdr* pDPIpacket(const unsigned char* packet) {
     if (packet == nullptr) {
         return nullptr;
     }
@@ -760,39 +716,39 @@ dpi_hdr* pDPIpacket(const unsigned char* packet)
     }
 
     switch (hdr->packet_type) {
-    case SNMP_DPI_GET:
-        hdr->data = pDPIget(hdr, body);
-        break;
-    case SNMP_DPI_GETNEXT:
-        hdr->data = pDPInext(hdr, body);
-        break;
-    case SNMP_DPI_SET:
-    case SNMP_DPI_COMMIT:
-    case SNMP_DPI_UNDO:
-        hdr->data = pDPIset(hdr, body);
-        break;
-    case SNMP_DPI_TRAP:
-        hdr->data = pDPItrap(hdr, body);
-        break;
-    case SNMP_DPI_RESPONSE:
-        hdr->data = pDPIresp(hdr, body);
-        break;
-    case SNMP_DPI_REGISTER:
-        hdr->data = pDPIreg(hdr, body);
-        break;
-    case SNMP_DPI_UNREGISTER:
-        hdr->data = pDPIureg(hdr, body);
-        break;
-    case SNMP_DPI_OPEN:
-        hdr->data = pDPIopen(hdr, body);
-        break;
-    case SNMP_DPI_CLOSE:
-        hdr->data = pDPIclose(hdr, body);
-        break;
-    case SNMP_DPI_ARE_YOU_THERE:
-        return hdr;  // no body; anything after the header is ignored
-    default:
-        break;  // GETBULK, TRAPV2, INFORM and unknown types are refused
+        case SNMP_DPI_GET:
+            hdr->data = pDPIget(hdr, body);
+            break;
+        case SNMP_DPI_GETNEXT:
+            hdr->data = pDPInext(hdr, body);
+            break;
+        case SNMP_DPI_SET:
+        case SNMP_DPI_COMMIT:
+        case SNMP_DPI_UNDO:
+            hdr->data = pDPIset(hdr, body);
+            break;
+        case SNMP_DPI_TRAP:
+            hdr->data = pDPItrap(hdr, body);
+            break;
+        case SNMP_DPI_RESPONSE:
+            hdr->data = pDPIresp(hdr, body);
+            break;
+        case SNMP_DPI_REGISTER:
+            hdr->data = pDPIreg(hdr, body);
+            break;
+        case SNMP_DPI_UNREGISTER:
+            hdr->data = pDPIureg(hdr, body);
+            break;
+        case SNMP_DPI_OPEN:
+            hdr->data = pDPIopen(hdr, body);
+            break;
+        case SNMP_DPI_CLOSE:
+            hdr->data = pDPIclose(hdr, body);
+            break;
+        case SNMP_DPI_ARE_YOU_THERE:
+            return hdr;  // no body; anything after the header is ignored
+        default:
+            break;  // GETBULK, TRAPV2, INFORM and unknown types are refused
     }
     if (hdr->data == nullptr) {
         fDPIparse(hdr);
@@ -804,8 +760,7 @@ dpi_hdr* pDPIpacket(const unsigned char* packet)
 // ---- identifier validation ----
 
 // Reads the decimal run at `*text`, saturating well above any value the checks care about.
-static unsigned long leading_number(const char** text)
-{
+static unsigned long leading_number(const char** text) {
     unsigned long number = 0;
     while (**text >= '0' && **text <= '9') {
         if (number < 1000000) {
@@ -819,8 +774,7 @@ static unsigned long leading_number(const char** text)
 // Non-zero when `text` is not an acceptable dotted-decimal identifier. The root check applies
 // the rules on the first two arcs: 0 and 1 allow at most 39 below them, 2 anything, above 2
 // nothing. A final dot is allowed because group texts carry one.
-static int oid_is_invalid(const char* text, int root_check)
-{
+static int oid_is_invalid(const char* text, int root_check) {
     if (text == nullptr) {
         return 1;
     }
@@ -852,8 +806,7 @@ static int oid_is_invalid(const char* text, int root_check)
     return 0;
 }
 
-static int group_or_instance_invalid(const char* group, const char* instance)
-{
+static int group_or_instance_invalid(const char* group, const char* instance) {
     if (group == nullptr || oid_is_invalid(group, 1) != 0) {
         return 1;
     }
@@ -867,8 +820,7 @@ static int group_or_instance_invalid(const char* group, const char* instance)
 
 // The three identifier texts of a request record or varBind; false when out of memory.
 static bool fill_identifiers(const char* group, const char* instance, char** group_id,
-                             char** instance_id, char** object_id)
-{
+                             char** instance_id, char** object_id) {
     size_t len = 0;
     *group_id = copy(group, &len);
     if (*group_id == nullptr) {
@@ -888,8 +840,7 @@ static bool fill_identifiers(const char* group, const char* instance, char** gro
     return true;
 }
 
-dpi_get_packet* mkDPIget_packet(dpi_get_packet* chain, const char* group, const char* instance)
-{
+dpi_get_packet* mkDPIget_packet(dpi_get_packet* chain, const char* group, const char* instance) {
     if (group_or_instance_invalid(group, instance) != 0) {
         return nullptr;
     }
@@ -912,8 +863,7 @@ dpi_get_packet* mkDPIget_packet(dpi_get_packet* chain, const char* group, const 
     return chain;
 }
 
-dpi_next_packet* mkDPInext_packet(dpi_next_packet* chain, const char* group, const char* instance)
-{
+dpi_next_packet* mkDPInext_packet(dpi_next_packet* chain, const char* group, const char* instance) {
     if (group_or_instance_invalid(group, instance) != 0) {
         return nullptr;
     }
@@ -936,36 +886,34 @@ dpi_next_packet* mkDPInext_packet(dpi_next_packet* chain, const char* group, con
     return chain;
 }
 
-static bool value_type_known(int value_type)
-{
+static bool value_type_known(int value_type) {
     switch (value_type) {
-    case DPI_TYPE_OCTET_STRING:
-    case DPI_TYPE_OBJECT_IDENTIFIER:
-    case DPI_TYPE_NULL:
-    case DPI_TYPE_IpAddress:
-    case DPI_TYPE_DisplayString:
-    case DPI_TYPE_BIT_STRING:
-    case DPI_TYPE_NsapAddress:
-    case DPI_TYPE_Counter64:
-    case DPI_TYPE_Opaque:
-    case DPI_TYPE_noSuchObject:
-    case DPI_TYPE_noSuchInstance:
-    case DPI_TYPE_endOfMibView:
-    case DPI_TYPE_Integer32:
-    case DPI_TYPE_IpAddress_v1:
-    case DPI_TYPE_Counter32:
-    case DPI_TYPE_Gauge32:
-    case DPI_TYPE_TimeTicks:
-    case DPI_TYPE_UInteger32:
-        return true;
-    default:
-        return false;
+        case DPI_TYPE_OCTET_STRING:
+        case DPI_TYPE_OBJECT_IDENTIFIER:
+        case DPI_TYPE_NULL:
+        case DPI_TYPE_IpAddress:
+        case DPI_TYPE_DisplayString:
+        case DPI_TYPE_BIT_STRING:
+        case DPI_TYPE_NsapAddress:
+        case DPI_TYPE_Counter64:
+        case DPI_TYPE_Opaque:
+        case DPI_TYPE_noSuchObject:
+        case DPI_TYPE_noSuchInstance:
+        case DPI_TYPE_endOfMibView:
+        case DPI_TYPE_Integer32:
+        case DPI_TYPE_IpAddress_v1:
+        case DPI_TYPE_Counter32:
+        case DPI_TYPE_Gauge32:
+        case DPI_TYPE_TimeTicks:
+        case DPI_TYPE_UInteger32:
+            return true;
+        default:
+            return false;
     }
 }
 
 dpi_set_packet* mkDPIset_packet(dpi_set_packet* chain, const char* group, const char* instance,
-                                int value_type, int value_len, const void* value)
-{
+                                int value_type, int value_len, const void* value) {
     if (group_or_instance_invalid(group, instance) != 0 || !value_type_known(value_type) ||
         value_len < 0 || value_len > 65535 || (value_len != 0 && value == nullptr)) {
         return nullptr;
@@ -1000,8 +948,7 @@ dpi_set_packet* mkDPIset_packet(dpi_set_packet* chain, const char* group, const 
 }
 
 dpi_reg_packet* mkDPIreg_packet(dpi_reg_packet* chain, uint16_t timeout, int32_t priority,
-                                const char* group, uint8_t bulk_selection, uint8_t view_selection)
-{
+                                const char* group, uint8_t bulk_selection, uint8_t view_selection) {
     if (group == nullptr) {
         return nullptr;
     }
@@ -1030,8 +977,7 @@ dpi_reg_packet* mkDPIreg_packet(dpi_reg_packet* chain, uint16_t timeout, int32_t
     return chain;
 }
 
-dpi_ureg_packet* mkDPIureg_packet(dpi_ureg_packet* chain, uint8_t reason, const char* group)
-{
+dpi_ureg_packet* mkDPIureg_packet(dpi_ureg_packet* chain, uint8_t reason, const char* group) {
     if (group == nullptr) {
         return nullptr;
     }
@@ -1057,8 +1003,7 @@ dpi_ureg_packet* mkDPIureg_packet(dpi_ureg_packet* chain, uint8_t reason, const 
     return chain;
 }
 
-dpi_hdr* mkDPIhdr_version(int packet_type, int version, int release)
-{
+dpi_hdr* mkDPIhdr_version(int packet_type, int version, int release) {
     bool valid = (version == 1 && (release == 0 || release == 1)) || (version == 2 && release == 0);
     if (!valid) {
         return nullptr;
@@ -1088,8 +1033,7 @@ enum {
 
 // Every write is bounds-checked so that no packet grows past 4095 bytes: the largest length
 // field value a peer with a 4096-byte receive buffer can still take whole.
-static int put_bytes(const void* bytes, size_t n)
-{
+static int put_bytes(const void* bytes, size_t n) {
     if (n > DPI_PACKET_MAX - packet_len) {
         return DPI_PUT_TOO_BIG;
     }
@@ -1100,37 +1044,31 @@ static int put_bytes(const void* bytes, size_t n)
     return DPI_PUT_OK;
 }
 
-static int put_u8(unsigned value)
-{
+static int put_u8(unsigned value) {
     unsigned char byte = static_cast<unsigned char>(value);
     return put_bytes(&byte, 1);
 }
 
-static int put_u16(unsigned value)
-{
+static int put_u16(unsigned value) {
     unsigned char bytes[2] = {static_cast<unsigned char>(value >> 8),
                               static_cast<unsigned char>(value)};
     return put_bytes(bytes, 2);
 }
 
-static int put_u32(uint32_t value)
-{
-    unsigned char bytes[4] = {static_cast<unsigned char>(value >> 24),
-                              static_cast<unsigned char>(value >> 16),
-                              static_cast<unsigned char>(value >> 8),
-                              static_cast<unsigned char>(value)};
+static int put_u32(uint32_t value) {
+    unsigned char bytes[4] = {
+        static_cast<unsigned char>(value >> 24), static_cast<unsigned char>(value >> 16),
+        static_cast<unsigned char>(value >> 8), static_cast<unsigned char>(value)};
     return put_bytes(bytes, 4);
 }
 
-static int put_text(const char* text)
-{
+static int put_text(const char* text) {
     return put_bytes(text, strlen(text) + 1);
 }
 
 // Writes group and instance as one object identifier text, the version-1 form: the group's
 // NUL (and its final dot when no instance follows) is overwritten.
-static int put_object_v1(const char* group, const char* instance)
-{
+static int put_object_v1(const char* group, const char* instance) {
     int rc = put_text(group);
     if (rc != DPI_PUT_OK) {
         return rc;
@@ -1146,8 +1084,7 @@ static int put_object_v1(const char* group, const char* instance)
 }
 
 // Group and instance in the form of the packet's version.
-static int put_identifier(int version, const char* group, const char* instance)
-{
+static int put_identifier(int version, const char* group, const char* instance) {
     if (version == 1) {
         return put_object_v1(group, instance);
     }
@@ -1158,50 +1095,47 @@ static int put_identifier(int version, const char* group, const char* instance)
     return has_instance(instance) ? put_text(instance) : put_u8(0);
 }
 
-static bool value_len_fits_type(int value_type, unsigned len)
-{
+static bool value_len_fits_type(int value_type, unsigned len) {
     switch (value_type) {
-    case DPI_TYPE_NULL:
-    case DPI_TYPE_noSuchObject:
-    case DPI_TYPE_noSuchInstance:
-    case DPI_TYPE_endOfMibView:
-        return len <= 4;
-    case DPI_TYPE_IpAddress:
-    case DPI_TYPE_Integer32:
-    case DPI_TYPE_IpAddress_v1:
-    case DPI_TYPE_Counter32:
-    case DPI_TYPE_Gauge32:
-    case DPI_TYPE_TimeTicks:
-    case DPI_TYPE_UInteger32:
-        return len == 4;
-    case DPI_TYPE_NsapAddress:
-        return len == 1 || (len >= 4 && len <= 21);
-    case DPI_TYPE_Counter64:
-        return len == 8;
-    default:
-        return true;
+        case DPI_TYPE_NULL:
+        case DPI_TYPE_noSuchObject:
+        case DPI_TYPE_noSuchInstance:
+        case DPI_TYPE_endOfMibView:
+            return len <= 4;
+        case DPI_TYPE_IpAddress:
+        case DPI_TYPE_Integer32:
+        case DPI_TYPE_IpAddress_v1:
+        case DPI_TYPE_Counter32:
+        case DPI_TYPE_Gauge32:
+        case DPI_TYPE_TimeTicks:
+        case DPI_TYPE_UInteger32:
+            return len == 4;
+        case DPI_TYPE_NsapAddress:
+            return len == 1 || (len >= 4 && len <= 21);
+        case DPI_TYPE_Counter64:
+            return len == 8;
+        default:
+            return true;
     }
 }
 
-static bool empty_value_allowed(int value_type)
-{
+static bool empty_value_allowed(int value_type) {
     switch (value_type) {
-    case DPI_TYPE_OCTET_STRING:
-    case DPI_TYPE_NULL:
-    case DPI_TYPE_DisplayString:
-    case DPI_TYPE_BIT_STRING:
-    case DPI_TYPE_Opaque:
-    case DPI_TYPE_noSuchObject:
-    case DPI_TYPE_noSuchInstance:
-    case DPI_TYPE_endOfMibView:
-        return true;
-    default:
-        return false;
+        case DPI_TYPE_OCTET_STRING:
+        case DPI_TYPE_NULL:
+        case DPI_TYPE_DisplayString:
+        case DPI_TYPE_BIT_STRING:
+        case DPI_TYPE_Opaque:
+        case DPI_TYPE_noSuchObject:
+        case DPI_TYPE_noSuchInstance:
+        case DPI_TYPE_endOfMibView:
+            return true;
+        default:
+            return false;
     }
 }
 
-static int put_value(int version, const dpi_set_packet* vb)
-{
+static int put_value(int version, const dpi_set_packet* vb) {
     if (vb->value_len != 0 && !value_len_fits_type(vb->value_type, vb->value_len)) {
         return DPI_PUT_BAD_RECORD;
     }
@@ -1224,41 +1158,40 @@ static int put_value(int version, const dpi_set_packet* vb)
         return rc;
     }
     switch (vb->value_type) {
-    case DPI_TYPE_Integer32:
-    case DPI_TYPE_Counter32:
-    case DPI_TYPE_Gauge32:
-    case DPI_TYPE_TimeTicks:
-    case DPI_TYPE_UInteger32: {
-        uint32_t number = 0;
-        memcpy(&number, vb->value, 4);
-        return put_u32(number);
-    }
-    case DPI_TYPE_Counter64: {
-        uint32_t words[2] = {0, 0};
-        memcpy(words, vb->value, 8);
-        rc = put_u32(words[0]);
-        return rc == DPI_PUT_OK ? put_u32(words[1]) : rc;
-    }
-    case DPI_TYPE_OCTET_STRING:
-    case DPI_TYPE_OBJECT_IDENTIFIER:
-    case DPI_TYPE_NULL:
-    case DPI_TYPE_IpAddress:
-    case DPI_TYPE_DisplayString:
-    case DPI_TYPE_BIT_STRING:
-    case DPI_TYPE_NsapAddress:
-    case DPI_TYPE_Opaque:
-    case DPI_TYPE_noSuchObject:
-    case DPI_TYPE_noSuchInstance:
-    case DPI_TYPE_endOfMibView:
-    case DPI_TYPE_IpAddress_v1:
-        return put_bytes(vb->value, vb->value_len);
-    default:
-        return DPI_PUT_BAD_RECORD;
+        case DPI_TYPE_Integer32:
+        case DPI_TYPE_Counter32:
+        case DPI_TYPE_Gauge32:
+        case DPI_TYPE_TimeTicks:
+        case DPI_TYPE_UInteger32: {
+            uint32_t number = 0;
+            memcpy(&number, vb->value, 4);
+            return put_u32(number);
+        }
+        case DPI_TYPE_Counter64: {
+            uint32_t words[2] = {0, 0};
+            memcpy(words, vb->value, 8);
+            rc = put_u32(words[0]);
+            return rc == DPI_PUT_OK ? put_u32(words[1]) : rc;
+        }
+        case DPI_TYPE_OCTET_STRING:
+        case DPI_TYPE_OBJECT_IDENTIFIER:
+        case DPI_TYPE_NULL:
+        case DPI_TYPE_IpAddress:
+        case DPI_TYPE_DisplayString:
+        case DPI_TYPE_BIT_STRING:
+        case DPI_TYPE_NsapAddress:
+        case DPI_TYPE_Opaque:
+        case DPI_TYPE_noSuchObject:
+        case DPI_TYPE_noSuchInstance:
+        case DPI_TYPE_endOfMibView:
+        case DPI_TYPE_IpAddress_v1:
+            return put_bytes(vb->value, vb->value_len);
+        default:
+            return DPI_PUT_BAD_RECORD;
     }
 }
 
-static int cDPIset(int version, const dpi_set_packet* vb)
-{
+static int cDPIset(int version, const dpi_set_packet* vb) {
     varBind_count = 0;
     for (; vb != nullptr; vb = vb->next) {
         varBind_count++;
@@ -1278,8 +1211,7 @@ static int cDPIset(int version, const dpi_set_packet* vb)
     return DPI_PUT_OK;
 }
 
-static int cDPIget(int version, const dpi_get_packet* rec)
-{
+static int cDPIget(int version, const dpi_get_packet* rec) {
     varBind_count = 0;
     for (; rec != nullptr; rec = rec->next) {
         varBind_count++;
@@ -1294,8 +1226,7 @@ static int cDPIget(int version, const dpi_get_packet* rec)
     return DPI_PUT_OK;
 }
 
-static int cDPInext(int version, const dpi_next_packet* rec)
-{
+static int cDPInext(int version, const dpi_next_packet* rec) {
     if (version != 1 && version != 2) {
         return DPI_PUT_BAD_RECORD;
     }
@@ -1316,8 +1247,7 @@ static int cDPInext(int version, const dpi_next_packet* rec)
     return DPI_PUT_OK;
 }
 
-static int cDPItrap(const dpi_hdr* hdr, const dpi_trap_packet* trap)
-{
+static int cDPItrap(const dpi_hdr* hdr, const dpi_trap_packet* trap) {
     varBind_count = 0;
     if (trap == nullptr) {
         return DPI_PUT_BAD_RECORD;
@@ -1345,8 +1275,7 @@ static int cDPItrap(const dpi_hdr* hdr, const dpi_trap_packet* trap)
     return rc;
 }
 
-static int cDPIresp(const dpi_hdr* hdr, const dpi_resp_packet* resp)
-{
+static int cDPIresp(const dpi_hdr* hdr, const dpi_resp_packet* resp) {
     varBind_count = 0;
     if (resp == nullptr || (hdr->version != 1 && hdr->version != 2)) {
         return DPI_PUT_BAD_RECORD;
@@ -1361,8 +1290,7 @@ static int cDPIresp(const dpi_hdr* hdr, const dpi_resp_packet* resp)
     return rc;
 }
 
-static int cDPIreg(int version, const dpi_reg_packet* rec)
-{
+static int cDPIreg(int version, const dpi_reg_packet* rec) {
     varBind_count = 0;
     if (version != 1 && version != 2) {
         return DPI_PUT_BAD_RECORD;
@@ -1394,8 +1322,7 @@ static int cDPIreg(int version, const dpi_reg_packet* rec)
     return DPI_PUT_OK;
 }
 
-static int cDPIureg(const dpi_ureg_packet* rec)
-{
+static int cDPIureg(const dpi_ureg_packet* rec) {
     varBind_count = 0;
     for (; rec != nullptr; rec = rec->next) {
         varBind_count++;
@@ -1413,8 +1340,7 @@ static int cDPIureg(const dpi_ureg_packet* rec)
     return DPI_PUT_OK;
 }
 
-static int cDPIopen(const dpi_open_packet* open)
-{
+static int cDPIopen(const dpi_open_packet* open) {
     if (open == nullptr) {
         return DPI_PUT_OK;  // nothing written: the packet is refused for its missing body
     }
@@ -1444,43 +1370,40 @@ static int cDPIopen(const dpi_open_packet* open)
     return put_u16(0);
 }
 
-static int cDPIclose(const dpi_close_packet* close)
-{
+static int cDPIclose(const dpi_close_packet* close) {
     return close == nullptr ? DPI_PUT_OK : put_u8(close->reason);
 }
 
-static int put_body(const dpi_hdr* hdr)
-{
+static int put_body(const dpi_hdr* hdr) {
     switch (hdr->packet_type) {
-    case SNMP_DPI_GET:
-        return cDPIget(hdr->version, static_cast<const dpi_get_packet*>(hdr->data));
-    case SNMP_DPI_GETNEXT:
-        return cDPInext(hdr->version, static_cast<const dpi_next_packet*>(hdr->data));
-    case SNMP_DPI_SET:
-    case SNMP_DPI_COMMIT:
-    case SNMP_DPI_UNDO:
-        return cDPIset(hdr->version, static_cast<const dpi_set_packet*>(hdr->data));
-    case SNMP_DPI_TRAP:
-        return cDPItrap(hdr, static_cast<const dpi_trap_packet*>(hdr->data));
-    case SNMP_DPI_RESPONSE:
-        return cDPIresp(hdr, static_cast<const dpi_resp_packet*>(hdr->data));
-    case SNMP_DPI_REGISTER:
-        return cDPIreg(hdr->version, static_cast<const dpi_reg_packet*>(hdr->data));
-    case SNMP_DPI_UNREGISTER:
-        return cDPIureg(static_cast<const dpi_ureg_packet*>(hdr->data));
-    case SNMP_DPI_OPEN:
-        return cDPIopen(static_cast<const dpi_open_packet*>(hdr->data));
-    case SNMP_DPI_CLOSE:
-        return cDPIclose(static_cast<const dpi_close_packet*>(hdr->data));
-    case SNMP_DPI_ARE_YOU_THERE:
-        return DPI_PUT_OK;
-    default:
-        return DPI_PUT_BAD_RECORD;  // GETBULK, TRAPV2, INFORM and unknown types
+        case SNMP_DPI_GET:
+            return cDPIget(hdr->version, static_cast<const dpi_get_packet*>(hdr->data));
+        case SNMP_DPI_GETNEXT:
+            return cDPInext(hdr->version, static_cast<const dpi_next_packet*>(hdr->data));
+        case SNMP_DPI_SET:
+        case SNMP_DPI_COMMIT:
+        case SNMP_DPI_UNDO:
+            return cDPIset(hdr->version, static_cast<const dpi_set_packet*>(hdr->data));
+        case SNMP_DPI_TRAP:
+            return cDPItrap(hdr, static_cast<const dpi_trap_packet*>(hdr->data));
+        case SNMP_DPI_RESPONSE:
+            return cDPIresp(hdr, static_cast<const dpi_resp_packet*>(hdr->data));
+        case SNMP_DPI_REGISTER:
+            return cDPIreg(hdr->version, static_cast<const dpi_reg_packet*>(hdr->data));
+        case SNMP_DPI_UNREGISTER:
+            return cDPIureg(static_cast<const dpi_ureg_packet*>(hdr->data));
+        case SNMP_DPI_OPEN:
+            return cDPIopen(static_cast<const dpi_open_packet*>(hdr->data));
+        case SNMP_DPI_CLOSE:
+            return cDPIclose(static_cast<const dpi_close_packet*>(hdr->data));
+        case SNMP_DPI_ARE_YOU_THERE:
+            return DPI_PUT_OK;
+        default:
+            return DPI_PUT_BAD_RECORD;  // GETBULK, TRAPV2, INFORM and unknown types
     }
 }
 
-unsigned char* cDPIpacket(const dpi_hdr* hdr)
-{
+unsigned char* cDPIpacket(const dpi_hdr* hdr) {
     if (hdr == nullptr) {
         return nullptr;
     }
@@ -1519,8 +1442,7 @@ unsigned char* cDPIpacket(const dpi_hdr* hdr)
     return packet_buf;
 }
 
-unsigned char* mkDPIpacket(dpi_hdr* hdr)
-{
+unsigned char* mkDPIpacket(dpi_hdr* hdr) {
     unsigned char* packet = cDPIpacket(hdr);
     fDPIparse(hdr);
     return packet;
@@ -1529,9 +1451,8 @@ unsigned char* mkDPIpacket(dpi_hdr* hdr)
 // ---- packet constructors ----
 
 unsigned char* mkDPIopen(const char* object_id, const char* description, unsigned long timeout,
-                         unsigned long max_varbinds, int character_set,
-                         unsigned long password_len, const unsigned char* password)
-{
+                         unsigned long max_varbinds, int character_set, unsigned long password_len,
+                         const unsigned char* password) {
     if (object_id == nullptr || oid_is_invalid(object_id, 1) != 0 || timeout > 65535 ||
         max_varbinds > 65535 || description == nullptr ||
         strlen(description) > DPI_DESCRIPTION_MAX || password_len > 65535 ||
@@ -1566,8 +1487,7 @@ unsigned char* mkDPIopen(const char* object_id, const char* description, unsigne
 }
 
 unsigned char* mkDPIreg(uint16_t timeout, int32_t priority, const char* group, int bulk_selection,
-                        int view_selection)
-{
+                        int view_selection) {
     if (group == nullptr || oid_is_invalid(group, 1) != 0 ||
         (bulk_selection != 0 && bulk_selection != 1) ||
         (view_selection != 0 && view_selection != 1) || priority < -1) {
@@ -1577,14 +1497,13 @@ unsigned char* mkDPIreg(uint16_t timeout, int32_t priority, const char* group, i
     if (hdr == nullptr) {
         return nullptr;
     }
-    hdr->data = mkDPIreg_packet(nullptr, timeout, priority, group,
-                                static_cast<uint8_t>(bulk_selection),
-                                static_cast<uint8_t>(view_selection));
+    hdr->data =
+        mkDPIreg_packet(nullptr, timeout, priority, group, static_cast<uint8_t>(bulk_selection),
+                        static_cast<uint8_t>(view_selection));
     return mkDPIpacket(hdr);
 }
 
-unsigned char* mkDPIureg(uint8_t reason, const char* group)
-{
+unsigned char* mkDPIureg(uint8_t reason, const char* group) {
     if (group == nullptr || oid_is_invalid(group, 1) != 0) {
         return nullptr;
     }
@@ -1596,8 +1515,7 @@ unsigned char* mkDPIureg(uint8_t reason, const char* group)
     return mkDPIpacket(hdr);
 }
 
-unsigned char* mkDPIclose(uint8_t reason)
-{
+unsigned char* mkDPIclose(uint8_t reason) {
     dpi_hdr* hdr = mkDPIhdr_version(SNMP_DPI_CLOSE, 2, 0);
     if (hdr == nullptr) {
         return nullptr;
@@ -1610,14 +1528,12 @@ unsigned char* mkDPIclose(uint8_t reason)
     return mkDPIpacket(hdr);
 }
 
-unsigned char* mkDPIayt(void)
-{
+unsigned char* mkDPIayt(void) {
     return mkDPIpacket(mkDPIhdr_version(SNMP_DPI_ARE_YOU_THERE, 2, 0));
 }
 
 unsigned char* mkDPItrape(int32_t generic, int32_t specific, dpi_set_packet* varBinds,
-                          const char* enterprise_id)
-{
+                          const char* enterprise_id) {
     bool valid = generic >= 0 && generic <= DPI_TRAP_enterpriseSpecific &&
                  (generic == DPI_TRAP_enterpriseSpecific || specific == 0);
     if (enterprise_id != nullptr &&
@@ -1644,8 +1560,7 @@ unsigned char* mkDPItrape(int32_t generic, int32_t specific, dpi_set_packet* var
 }
 
 unsigned char* mkDPIresp(const dpi_hdr* request, int error_code, int32_t error_index,
-                         dpi_set_packet* varBinds)
-{
+                         dpi_set_packet* varBinds) {
     if (request == nullptr || error_code < 0 || error_code > 255 || error_index < 0) {
         fDPIset_packet(varBinds);
         return nullptr;
@@ -1669,9 +1584,9 @@ unsigned char* mkDPIresp(const dpi_hdr* request, int error_code, int32_t error_i
     unsigned char* packet = cDPIpacket(hdr);
     // Only answers to requests that carry varBinds can point into them; the administrative
     // packets are answered without varBinds whatever index is given.
-    bool indexes_varbinds = request->packet_type < SNMP_DPI_REGISTER ||
-                            (request->packet_type > SNMP_DPI_CLOSE &&
-                             request->packet_type != SNMP_DPI_ARE_YOU_THERE);
+    bool indexes_varbinds =
+        request->packet_type < SNMP_DPI_REGISTER ||
+        (request->packet_type > SNMP_DPI_CLOSE && request->packet_type != SNMP_DPI_ARE_YOU_THERE);
     if (packet != nullptr && varBinds != nullptr && varBind_count != 0 && indexes_varbinds &&
         error_index > varBind_count) {
         packet = nullptr;
@@ -1682,14 +1597,12 @@ unsigned char* mkDPIresp(const dpi_hdr* request, int error_code, int32_t error_i
 
 // ---- debug and logging ----
 
-static const char* source_name(void)
-{
+static const char* source_name(void) {
     const char* slash = strrchr(__FILE__, '/');
     return slash != nullptr ? slash + 1 : __FILE__;
 }
 
-void dpilog(const char* format, ...)
-{
+void dpilog(const char* format, ...) {
     // Fixed-size on purpose: a log call must not allocate; longer messages are cut.
     char text[800];
     va_list args;
@@ -1699,8 +1612,7 @@ void dpilog(const char* format, ...)
     printf("%s", text);
 }
 
-void DPIdebug(int level)
-{
+void DPIdebug(int level) {
     if (level == dpi_debug) {
         return;
     }

@@ -215,8 +215,7 @@ struct dpi_hdr {
 typedef struct dpi_hdr dpi_hdr;
 
 // Total size of a serialised packet, length field included.
-static inline unsigned dpi_packet_len(const unsigned char* packet)
-{
+static inline unsigned dpi_packet_len(const unsigned char* packet) {
     return ((unsigned)packet[0] << 8 | (unsigned)packet[1]) + 2u;
 }
 
@@ -235,8 +234,8 @@ DPIM_NODISCARD dpi_next_packet* mkDPInext_packet(dpi_next_packet* chain, const c
 // `value_type` from enum dpi_value_type; `value_len` 0..65535; `value` (in memory form)
 // required when `value_len` is not 0.
 DPIM_NODISCARD dpi_set_packet* mkDPIset_packet(dpi_set_packet* chain, const char* group,
-                                               const char* instance, int value_type,
-                                               int value_len, const void* value);
+                                               const char* instance, int value_type, int value_len,
+                                               const void* value);
 // Not validated here; mkDPIreg and mkDPIureg validate.
 DPIM_NODISCARD dpi_reg_packet* mkDPIreg_packet(dpi_reg_packet* chain, uint16_t timeout,
                                                int32_t priority, const char* group,
@@ -284,8 +283,8 @@ DPIM_NODISCARD unsigned char* mkDPItrape(int32_t generic, int32_t specific,
 // version-1 request gets a version-1 answer). error_code 0..255, error_index 0 or more and,
 // for answers to GET/GETNEXT/SET/COMMIT/UNDO/TRAP with varBinds, at most their count.
 // `varBinds` (may be null) is consumed: released in every case.
-DPIM_NODISCARD unsigned char* mkDPIresp(const dpi_hdr* request, int error_code,
-                                        int32_t error_index, dpi_set_packet* varBinds);
+DPIM_NODISCARD unsigned char* mkDPIresp(const dpi_hdr* request, int error_code, int32_t error_index,
+                                        dpi_set_packet* varBinds);
 
 // ---- decode ----
 
