@@ -321,15 +321,16 @@ static int serve(int handle, dpi_hdr* request)
         return 0;
     }
 
-    if (send_packet(handle, mkDPIresp(request, error_code, error_index, varBinds)) != 0) {
-        return -1;
-    }
-    /* The trap goes after the RESPONSE, so the agent has the new value before anyone who
-     * reacts to the trap can ask for it. */
+    /* The trap goes out before the RESPONSE: the agent is waiting for this answer and
+     * forwards a trap that arrives meanwhile at once, so the trap cannot cross a request
+     * that the agent sends after the answer. */
     if (level_changed) {
         printf("example_subagent: exampleLevel is now %d\n", (int)level);
         fflush(stdout);
         send_level_trap(handle);
+    }
+    if (send_packet(handle, mkDPIresp(request, error_code, error_index, varBinds)) != 0) {
+        return -1;
     }
     return 0;
 }
