@@ -203,7 +203,15 @@ void unregister_fd(int fd) {
         free_entry(e);
         e = next;
     }
-    close(fd);
+    // del_sa_fd closes a socket that holds a slot; closing it here as well would close the
+    // descriptor twice.
+    bool in_slot = false;
+    for (int slot : sa_fds) {
+        in_slot = in_slot || slot == fd;
+    }
+    if (!in_slot) {
+        close(fd);
+    }
     del_sa_fd(fd);
 }
 
