@@ -1,0 +1,141 @@
+// SNMPv1 messages as tools receive them over UDP. Property: a message that decodes encodes
+// again; the encoding decodes to the same fields; and encoding that gives the same bytes.
+// The records live across runs, so their containers are recycled as in real use.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "snmp_asn1.h"
+#include "snmp_container.h"
+#include "snmp_ed.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+namespace {
+
+constexpr uint32_t kEntries = 16;
+constexpr uint32_t kCommunitySize = 64;
+
+// One set of records for a decoded message, kept for the life of the process.
+struct Slot {
+    snmp_pdu* pdu = snmp_create_pdu(kEntries);
+    snmp_trap_pdu* trap = snmp_create_trap_pdu(kEntries);
+    char community[kCommunitySize] = {};
+    snmp_message msg{};
+
+    int decode(const uint8_t* data, uint32_t len)
+    {
+        msg = {};
+        msg.community = community;
+        msg.community_size = sizeof community;
+        msg.snmp = pdu;
+        msg.snmp_size = snmp_pdu_size(kEntries);
+        msg.trap = trap;
+        msg.trap_size = snmp_trap_pdu_size(kEntries);
+        snmp_buffer buf{nullptr, 0, const_cast<uint8_t*>(data), len};
+        return snmp_decode_message(&msg, &buf);
+    }
+};
+
+template <typename T>
+void put(std::string* out, const T& v)
+{
+    out->append(reinterpret_cast<const char*>(&v), sizeof v);
+}
+
+void put_bytes(std::string* out, const void* p, uint32_t n)
+{
+    put(out, n);
+    out->append(static_cast<const char*>(p), n);
+}
+
+void put_container(std::string* out, const snmp_container* c)
+{
+    put(out, c->tag);
+    put(out, c->native);
+    if (c->native == SNMP_NATIVE_OID) {
+        put_bytes(out, snmp_container_const_subids(c), c->length * 4);
+    } else if (c->native == SNMP_NATIVE_OCTETS) {
+        put_bytes(out, snmp_container_const_octets(c), c->length);
+    } else {
+        put(out, c->value.u32);
+    }
+}
+
+void put_varbinds(std::string* out, const snmp_varBind* vbs, uint32_t n)
+{
+    put(out, n);
+    for (uint32_t i = 0; i < n; i++) {
+        put_container(out, vbs[i].name);
+        put_container(out, vbs[i].value);
+    }
+}
+
+// Every field the message's PDU type uses, as bytes.
+std::string flatten(const Slot& s)
+{
+    std::string out;
+    put(&out, s.msg.version);
+    put_bytes(&out, s.community, s.msg.community_len);
+    put(&out, s.msg.pdu_type);
+    if (s.msg.pdu_type == SNMP_PDU_TRAP) {
+        put_container(&out, s.trap->enterprise);
+        put(&out, s.trap->agent_addr);
+        put(&out, s.trap->generic_trap);
+        put(&out, s.trap->specific_trap);
+        put(&out, s.trap->time_stamp);
+        put_varbinds(&out, s.trap->varBinds, s.trap->varBind_count);
+    } else {
+        put(&out, s.pdu->type);
+        put(&out, s.pdu->request_id);
+        put(&out, s.pdu->error_status);
+        put(&out, s.pdu->error_index);
+        put_varbinds(&out, s.pdu->varBinds, s.pdu->varBind_count);
+    }
+    return out;
+}
+
+// Re-encodes the message held in `s`. Elements grow by at most three times on the way
+// (an empty IpAddress becomes six bytes), so the storage can never be too small.
+std::vector<uint8_t> encode(Slot& s, size_t input_size)
+{
+    std::vector<uint8_t> storage(input_size * 3 + 64);
+    snmp_buffer buf{storage.data(), static_cast<uint32_t>(storage.size()), nullptr, 0};
+    if (snmp_encode_message(&buf, &s.msg) != SNMP_CODEC_OK) {
+        abort();
+    }
+    return std::vector<uint8_t>(buf.data, buf.data + buf.len);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static Slot first;
+    static Slot second;
+    if (size > 0xFFFFFF) {
+        return 0;
+    }
+    if (first.decode(data, static_cast<uint32_t>(size)) != SNMP_CODEC_OK) {
+        return 0;
+    }
+    if (std::strlen(first.community) > first.msg.community_len) {
+        abort();  // the community is NUL-terminated right after its octets
+    }
+    // The encoder writes SNMPv1 only; any other version number decodes but is not ours to send.
+    first.msg.version = 0;
+    const std::vector<uint8_t> wire = encode(first, size);
+
+    if (second.decode(wire.data(), static_cast<uint32_t>(wire.size())) != SNMP_CODEC_OK) {
+        abort();
+    }
+    if (flatten(second) != flatten(first)) {
+        abort();
+    }
+    if (encode(second, wire.size()) != wire) {
+        abort();
+    }
+    return 0;
+}
