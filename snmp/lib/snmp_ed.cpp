@@ -451,6 +451,9 @@ int snmp_encode_message(snmp_buffer* buffer, snmp_message* message)
     if (message->community == nullptr && message->community_len > 0) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }
+    if (message->community_size != 0 && message->community_len > message->community_size) {
+        return SNMP_CODEC_NO_ROOM;  // a length past the stated buffer would read beyond it
+    }
     if (buffer->size <= kMessageTail) {
         return SNMP_CODEC_NO_ROOM;
     }
