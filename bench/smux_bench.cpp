@@ -18,8 +18,7 @@ constexpr uint32_t kVarBinds = 10;
 struct Response {
     snmp_pdu* snmp = snmp_create_pdu(kVarBinds);
     smux_pdu record{};
-    Response()
-    {
+    Response() {
         for (uint32_t i = 0; i < kVarBinds; i++) {
             snmp_container* name = snmp_create_oid_container("1.3.6.1.4.1.99999.1.2.3.4.5");
             const uint32_t last = i + 1;
@@ -32,11 +31,12 @@ struct Response {
         record.type = SNMP_PDU_RESPONSE;
         record.snmp = snmp;
     }
-    ~Response() { snmp_free_pdu(snmp, kVarBinds); }
+    ~Response() {
+        snmp_free_pdu(snmp, kVarBinds);
+    }
 };
 
-void BM_SmuxEncodeGetResponse(benchmark::State& state)
-{
+void BM_SmuxEncodeGetResponse(benchmark::State& state) {
     Response r;
     uint8_t* start = nullptr;
     uint32_t length = 0;
@@ -52,8 +52,7 @@ void BM_SmuxEncodeGetResponse(benchmark::State& state)
 }
 BENCHMARK(BM_SmuxEncodeGetResponse);
 
-void BM_SmuxDecodeGetResponse(benchmark::State& state)
-{
+void BM_SmuxDecodeGetResponse(benchmark::State& state) {
     Response r;
     uint8_t* start = nullptr;
     uint32_t length = 0;
@@ -75,8 +74,7 @@ void BM_SmuxDecodeGetResponse(benchmark::State& state)
 BENCHMARK(BM_SmuxDecodeGetResponse);
 
 // Decode, answer in place and encode: what the daemon's codec work per request amounts to.
-void BM_SmuxDecodeAndAnswer(benchmark::State& state)
-{
+void BM_SmuxDecodeAndAnswer(benchmark::State& state) {
     Response r;
     uint8_t* start = nullptr;
     uint32_t length = 0;

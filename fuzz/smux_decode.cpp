@@ -20,19 +20,16 @@ namespace {
 // Appends raw bytes of a field, so that two records compare equal exactly when every field
 // that their type uses is equal.
 template <typename T>
-void put(std::string* out, const T& v)
-{
+void put(std::string* out, const T& v) {
     out->append(reinterpret_cast<const char*>(&v), sizeof v);
 }
 
-void put_bytes(std::string* out, const void* p, uint32_t n)
-{
+void put_bytes(std::string* out, const void* p, uint32_t n) {
     put(out, n);
     out->append(static_cast<const char*>(p), n);
 }
 
-void put_container(std::string* out, const snmp_container* c)
-{
+void put_container(std::string* out, const snmp_container* c) {
     if (c == nullptr) {
         out->push_back('-');
         return;
@@ -52,8 +49,7 @@ void put_container(std::string* out, const snmp_container* c)
     }
 }
 
-void put_varbinds(std::string* out, const snmp_varBind* vbs, uint32_t n)
-{
+void put_varbinds(std::string* out, const snmp_varBind* vbs, uint32_t n) {
     put(out, n);
     for (uint32_t i = 0; i < n; i++) {
         put_container(out, vbs[i].name);
@@ -61,8 +57,7 @@ void put_varbinds(std::string* out, const snmp_varBind* vbs, uint32_t n)
     }
 }
 
-std::string flatten(const smux_pdu* p)
-{
+std::string flatten(const smux_pdu* p) {
     std::string out;
     put(&out, p->type);
     switch (p->type) {
@@ -107,8 +102,7 @@ std::string flatten(const smux_pdu* p)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 0xFFFFFFFFu) {
         return 0;
     }

@@ -25,8 +25,7 @@ struct Slot {
     char community[kCommunitySize] = {};
     snmp_message msg{};
 
-    int decode(const uint8_t* data, uint32_t len)
-    {
+    int decode(const uint8_t* data, uint32_t len) {
         msg = {};
         msg.community = community;
         msg.community_size = sizeof community;
@@ -40,19 +39,16 @@ struct Slot {
 };
 
 template <typename T>
-void put(std::string* out, const T& v)
-{
+void put(std::string* out, const T& v) {
     out->append(reinterpret_cast<const char*>(&v), sizeof v);
 }
 
-void put_bytes(std::string* out, const void* p, uint32_t n)
-{
+void put_bytes(std::string* out, const void* p, uint32_t n) {
     put(out, n);
     out->append(static_cast<const char*>(p), n);
 }
 
-void put_container(std::string* out, const snmp_container* c)
-{
+void put_container(std::string* out, const snmp_container* c) {
     put(out, c->tag);
     put(out, c->native);
     if (c->native == SNMP_NATIVE_OID) {
@@ -64,8 +60,7 @@ void put_container(std::string* out, const snmp_container* c)
     }
 }
 
-void put_varbinds(std::string* out, const snmp_varBind* vbs, uint32_t n)
-{
+void put_varbinds(std::string* out, const snmp_varBind* vbs, uint32_t n) {
     put(out, n);
     for (uint32_t i = 0; i < n; i++) {
         put_container(out, vbs[i].name);
@@ -74,8 +69,7 @@ void put_varbinds(std::string* out, const snmp_varBind* vbs, uint32_t n)
 }
 
 // Every field the message's PDU type uses, as bytes.
-std::string flatten(const Slot& s)
-{
+std::string flatten(const Slot& s) {
     std::string out;
     put(&out, s.msg.version);
     put_bytes(&out, s.community, s.msg.community_len);
@@ -99,8 +93,7 @@ std::string flatten(const Slot& s)
 
 // Re-encodes the message held in `s`. Elements grow by at most three times on the way
 // (an empty IpAddress becomes six bytes), so the storage can never be too small.
-std::vector<uint8_t> encode(Slot& s, size_t input_size)
-{
+std::vector<uint8_t> encode(Slot& s, size_t input_size) {
     std::vector<uint8_t> storage(input_size * 3 + 64);
     snmp_buffer buf{storage.data(), static_cast<uint32_t>(storage.size()), nullptr, 0};
     if (snmp_encode_message(&buf, &s.msg) != SNMP_CODEC_OK) {
@@ -111,8 +104,7 @@ std::vector<uint8_t> encode(Slot& s, size_t input_size)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Slot first;
     static Slot second;
     if (size > 0xFFFFFF) {

@@ -14,16 +14,14 @@
 
 static int failures;
 
-static void check(int ok, const char* what)
-{
+static void check(int ok, const char* what) {
     if (!ok) {
         printf("FAILED: %s\n", what);
         failures++;
     }
 }
 
-int main(void)
-{
+int main(void) {
     static const uint8_t rreq[] = {0x62, 0x0E, 0x06, 0x06, 0x2B, 0x06, 0x01, 0x02,
                                    0x01, 0x01, 0x02, 0x01, 0xFF, 0x02, 0x01, 0x02};
     smux_pdu record;
@@ -38,8 +36,9 @@ int main(void)
     check(length == sizeof rreq && memcmp(start, rreq, length) == 0, "RReq bytes");
     smux_pdu* got = NULL;
     check(smux_decode_message(rreq, sizeof rreq, &got) == SNMP_CODEC_OK, "RReq decodes");
-    check(got != NULL && got->priority == -1 && snmp_compare_oid_subids(got->oid, record.oid, 0) == 0,
-          "RReq fields");
+    check(
+        got != NULL && got->priority == -1 && snmp_compare_oid_subids(got->oid, record.oid, 0) == 0,
+        "RReq fields");
     snmp_free_container(record.oid);
 
     /* A GetRequest message into storage of our own and back into a record of our own. */
@@ -54,8 +53,8 @@ int main(void)
     pdu->varBind_count = 1;
     pdu->varBinds[0].name = snmp_create_oid_container("1.3.6.1.2.1.1.1.0");
     pdu->varBinds[0].value = snmp_create_value_container(NULL, 0, SNMP_TAG_NULL, 0);
-    snmp_message msg = {0, sizeof community, 6, community, snmp_pdu_size(4), 0, pdu, NULL,
-                        SNMP_PDU_GET};
+    snmp_message msg = {0,    sizeof community, 6, community, snmp_pdu_size(4), 0, pdu,
+                        NULL, SNMP_PDU_GET};
     snmp_buffer buf = {storage, sizeof storage, NULL, 0};
     check(snmp_encode_message(&buf, &msg) == SNMP_CODEC_OK && buf.len == 40, "message encodes");
     char community2[16];

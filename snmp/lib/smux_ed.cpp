@@ -25,8 +25,7 @@ static smux_pdu pdu;
 static uint8_t smux_buf[SMUX_BUF_SIZE];
 
 // The length an element claims, even when it does not fit; 0 when unreadable.
-static uint32_t smux_claimed_len(const uint8_t* p, uint32_t remaining)
-{
+static uint32_t smux_claimed_len(const uint8_t* p, uint32_t remaining) {
     if (remaining < 2 || p[1] == 0x80) {
         return 0;
     }
@@ -38,8 +37,8 @@ static uint32_t smux_claimed_len(const uint8_t* p, uint32_t remaining)
 }
 
 // An OpenPDU text field into a NUL-terminated buffer of SMUX_TEXT_SIZE.
-static int smux_decode_text(const uint8_t** p, uint32_t* remaining, char* text, uint32_t* text_len)
-{
+static int smux_decode_text(const uint8_t** p, uint32_t* remaining, char* text,
+                            uint32_t* text_len) {
     uint8_t tag = 0;
     uint32_t size = kTextMax;
     const uint8_t* next =
@@ -48,7 +47,7 @@ static int smux_decode_text(const uint8_t** p, uint32_t* remaining, char* text, 
         text[0] = '\0';
         *text_len = 0;
         return smux_claimed_len(*p, *remaining) > kTextMax ? SNMP_CODEC_NO_ROOM
-                                                            : SNMP_CODEC_MALFORMED;
+                                                           : SNMP_CODEC_MALFORMED;
     }
     text[size] = '\0';
     *text_len = size;
@@ -56,8 +55,7 @@ static int smux_decode_text(const uint8_t** p, uint32_t* remaining, char* text, 
     return SNMP_CODEC_OK;
 }
 
-static int smux_decode_open(const uint8_t* p, uint32_t remaining)
-{
+static int smux_decode_open(const uint8_t* p, uint32_t remaining) {
     uint8_t tag = 0;
     p = asn_decode_int(p, &remaining, &tag, &pdu.version);
     if (p == nullptr || tag != SNMP_ASN_INTEGER || pdu.version != 0) {
@@ -74,8 +72,7 @@ static int smux_decode_open(const uint8_t* p, uint32_t remaining)
     return smux_decode_text(&p, &remaining, pdu.password, &pdu.password_len);
 }
 
-static int smux_decode_rreq(const uint8_t* p, uint32_t remaining)
-{
+static int smux_decode_rreq(const uint8_t* p, uint32_t remaining) {
     int rc = decode_oid(&pdu.oid, &p, &remaining);
     if (rc != SNMP_CODEC_OK) {
         return rc;
@@ -92,8 +89,7 @@ static int smux_decode_rreq(const uint8_t* p, uint32_t remaining)
     return SNMP_CODEC_OK;
 }
 
-int smux_decode_message(const uint8_t* data, uint32_t length, smux_pdu** result)
-{
+int smux_decode_message(const uint8_t* data, uint32_t length, smux_pdu** result) {
     if (result == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }
@@ -163,8 +159,7 @@ int smux_decode_message(const uint8_t* data, uint32_t length, smux_pdu** result)
     return SNMP_CODEC_OK;
 }
 
-static int smux_encode_open(uint8_t** pos, uint32_t* room, smux_pdu* record)
-{
+static int smux_encode_open(uint8_t** pos, uint32_t* room, smux_pdu* record) {
     if (record->version != 0) {
         return SNMP_CODEC_INCOMPLETE;
     }
@@ -192,8 +187,7 @@ static int smux_encode_open(uint8_t** pos, uint32_t* room, smux_pdu* record)
     return SNMP_CODEC_OK;
 }
 
-static int smux_encode_rreq(uint8_t** pos, uint32_t* room, smux_pdu* record)
-{
+static int smux_encode_rreq(uint8_t** pos, uint32_t* room, smux_pdu* record) {
     uint8_t* p = asn_encode_int_reverse(*pos, room, SNMP_ASN_INTEGER, record->operation);
     p = asn_encode_int_reverse(p, room, SNMP_ASN_INTEGER, record->priority);
     if (p == nullptr) {
@@ -207,8 +201,7 @@ static int smux_encode_rreq(uint8_t** pos, uint32_t* room, smux_pdu* record)
     return SNMP_CODEC_OK;
 }
 
-int smux_encode_message(uint8_t** start, uint32_t* length, smux_pdu* record)
-{
+int smux_encode_message(uint8_t** start, uint32_t* length, smux_pdu* record) {
     if (start == nullptr || length == nullptr || record == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }

@@ -43,8 +43,7 @@ SNMP_CODEC_NODISCARD int smux_decode_message(const uint8_t* data, uint32_t lengt
  * SNMP_CODEC_NO_ROOM, SNMP_CODEC_BAD_OID, SNMP_CODEC_BAD_ARGUMENT (missing sub-record,
  * unsupported value, a fixed field that no longer fits), SNMP_CODEC_UNKNOWN_PDU.
  */
-SNMP_CODEC_NODISCARD int smux_encode_message(uint8_t** start, uint32_t* length,
-                                             smux_pdu* record);
+SNMP_CODEC_NODISCARD int smux_encode_message(uint8_t** start, uint32_t* length, smux_pdu* record);
 
 #ifdef __cplusplus
 }

@@ -16,7 +16,7 @@ constexpr uint8_t kLongForm = 0x80;
 // What the identifier and length octets of one element say.
 struct ber_element {
     uint8_t tag;
-    uint32_t header_len;   // identifier octet + length octets
+    uint32_t header_len;  // identifier octet + length octets
     uint32_t content_len;
 };
 
@@ -25,8 +25,7 @@ struct ber_element {
 // Reads the identifier and length octets of the element at `p` from at most `avail` bytes,
 // and checks that the whole element lies within them. The tag is stored as soon as one byte
 // is readable, so callers can report it even when the element is malformed.
-static bool ber_peek(const uint8_t* p, uint32_t avail, ber_element* out)
-{
+static bool ber_peek(const uint8_t* p, uint32_t avail, ber_element* out) {
     if (p == nullptr || avail < 1) {
         return false;
     }
@@ -64,8 +63,7 @@ static bool ber_peek(const uint8_t* p, uint32_t avail, ber_element* out)
 // Peeks an element for a value decoder and consumes it from `*remaining`; the tag goes to
 // `out_tag` whenever it could be read.
 static const uint8_t* ber_take(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag,
-                               ber_element* el)
-{
+                               ber_element* el) {
     if (remaining == nullptr) {
         return nullptr;
     }
@@ -82,8 +80,7 @@ static const uint8_t* ber_take(const uint8_t* p, uint32_t* remaining, uint8_t* o
 }
 
 // Big-endian contents into 32 bits; longer contents keep their last four octets.
-static uint32_t ber_fold(const uint8_t* c, uint32_t len, uint32_t start)
-{
+static uint32_t ber_fold(const uint8_t* c, uint32_t len, uint32_t start) {
     uint32_t v = start;
     for (uint32_t i = 0; i < len; i++) {
         v = (v << 8) | c[i];
@@ -91,8 +88,7 @@ static uint32_t ber_fold(const uint8_t* c, uint32_t len, uint32_t start)
     return v;
 }
 
-uint32_t asn_readlen(const uint8_t* p, uint32_t* out_octets)
-{
+uint32_t asn_readlen(const uint8_t* p, uint32_t* out_octets) {
     uint8_t first = p[0];
     if (first == kLongForm) {
         return kIndefinite;
@@ -111,8 +107,7 @@ uint32_t asn_readlen(const uint8_t* p, uint32_t* out_octets)
     return len;
 }
 
-const uint8_t* asn_decode_length(const uint8_t* p, uint32_t* out_len)
-{
+const uint8_t* asn_decode_length(const uint8_t* p, uint32_t* out_len) {
     uint32_t octets = 1;
     uint32_t len = asn_readlen(p, &octets);
     if (out_len != nullptr) {
@@ -121,8 +116,7 @@ const uint8_t* asn_decode_length(const uint8_t* p, uint32_t* out_len)
     return p + octets;
 }
 
-const uint8_t* asn_decode_header(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag)
-{
+const uint8_t* asn_decode_header(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag) {
     uint32_t len = 0;
     const uint8_t* contents = asn_decode_sub_header(p, remaining, &len, out_tag);
     if (contents == nullptr) {
@@ -133,8 +127,7 @@ const uint8_t* asn_decode_header(const uint8_t* p, uint32_t* remaining, uint8_t*
 }
 
 const uint8_t* asn_decode_sub_header(const uint8_t* p, uint32_t* remaining, uint32_t* out_len,
-                                     uint8_t* out_tag)
-{
+                                     uint8_t* out_tag) {
     if (remaining == nullptr || p == nullptr || *remaining == 0) {
         return nullptr;
     }
@@ -155,8 +148,7 @@ const uint8_t* asn_decode_sub_header(const uint8_t* p, uint32_t* remaining, uint
     return p + el.header_len;
 }
 
-const uint8_t* asn_decode_NULL(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag)
-{
+const uint8_t* asn_decode_NULL(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag) {
     ber_element el{};
     const uint8_t* c = ber_take(p, remaining, out_tag, &el);
     // Only the one-octet form 00: a padded zero length is not a NULL.
@@ -167,8 +159,7 @@ const uint8_t* asn_decode_NULL(const uint8_t* p, uint32_t* remaining, uint8_t* o
 }
 
 const uint8_t* asn_decode_int(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag,
-                              int32_t* out_value)
-{
+                              int32_t* out_value) {
     ber_element el{};
     const uint8_t* c = ber_take(p, remaining, out_tag, &el);
     if (c == nullptr) {
@@ -183,8 +174,7 @@ const uint8_t* asn_decode_int(const uint8_t* p, uint32_t* remaining, uint8_t* ou
 }
 
 const uint8_t* asn_decode_u_int(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag,
-                                uint32_t* out_value)
-{
+                                uint32_t* out_value) {
     ber_element el{};
     const uint8_t* c = ber_take(p, remaining, out_tag, &el);
     if (c == nullptr) {
@@ -197,8 +187,7 @@ const uint8_t* asn_decode_u_int(const uint8_t* p, uint32_t* remaining, uint8_t* 
 }
 
 const uint8_t* asn_decode_string(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag,
-                                 uint8_t* dst, uint32_t* size)
-{
+                                 uint8_t* dst, uint32_t* size) {
     if (size == nullptr || remaining == nullptr) {
         return nullptr;
     }
@@ -217,8 +206,7 @@ const uint8_t* asn_decode_string(const uint8_t* p, uint32_t* remaining, uint8_t*
 }
 
 const uint8_t* asn_decode_oid(const uint8_t* p, uint32_t* remaining, uint8_t* out_tag,
-                              uint32_t* subids, uint32_t* count)
-{
+                              uint32_t* subids, uint32_t* count) {
     if (count == nullptr || remaining == nullptr) {
         return nullptr;
     }
@@ -271,8 +259,7 @@ const uint8_t* asn_decode_oid(const uint8_t* p, uint32_t* remaining, uint8_t* ou
 // ---- reverse encoders ----
 
 // Number of octets of a definite length's value part in the long form.
-static uint32_t ber_len_octets(uint32_t len)
-{
+static uint32_t ber_len_octets(uint32_t len) {
     uint32_t n = 0;
     while (len != 0) {
         n++;
@@ -282,8 +269,7 @@ static uint32_t ber_len_octets(uint32_t len)
 }
 
 // Writes a definite length in front of `pos`; the room has been checked by the caller.
-static uint8_t* ber_put_len(uint8_t* pos, uint32_t len)
-{
+static uint8_t* ber_put_len(uint8_t* pos, uint32_t len) {
     if (len <= 127) {
         *--pos = static_cast<uint8_t>(len);
         return pos;
@@ -298,8 +284,7 @@ static uint8_t* ber_put_len(uint8_t* pos, uint32_t len)
     return pos;
 }
 
-uint8_t* asn_encode_len_reverse(uint8_t* pos, uint32_t* room, uint32_t len)
-{
+uint8_t* asn_encode_len_reverse(uint8_t* pos, uint32_t* room, uint32_t len) {
     // A length never takes more than five octets; demanding all five whatever the value keeps
     // the callers' room arithmetic simple.
     if (pos == nullptr || room == nullptr || *room < 5) {
@@ -310,8 +295,7 @@ uint8_t* asn_encode_len_reverse(uint8_t* pos, uint32_t* room, uint32_t len)
     return p;
 }
 
-uint8_t* asn_encode_header_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, uint32_t len)
-{
+uint8_t* asn_encode_header_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, uint32_t len) {
     if ((tag & SNMP_ASN_HIGH_TAG) == SNMP_ASN_HIGH_TAG) {
         return nullptr;
     }
@@ -325,8 +309,7 @@ uint8_t* asn_encode_header_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, ui
 }
 
 // Content octets of the minimal two's complement form.
-static uint32_t ber_int_octets(int32_t value)
-{
+static uint32_t ber_int_octets(int32_t value) {
     uint32_t x = static_cast<uint32_t>(value < 0 ? ~value : value);
     if ((x & 0xFF800000u) != 0) {
         return 4;
@@ -342,8 +325,7 @@ static uint32_t ber_int_octets(int32_t value)
 
 // Content octets of the minimal form of a non-negative value: a fifth, leading 00 when the
 // top bit is set, so the value does not read as negative.
-static uint32_t ber_uint_octets(uint32_t value)
-{
+static uint32_t ber_uint_octets(uint32_t value) {
     if (value < 0x80u) {
         return 1;
     }
@@ -360,8 +342,7 @@ static uint32_t ber_uint_octets(uint32_t value)
 }
 
 // Contents (n octets of `value`, least significant written first), length octet and tag.
-static uint8_t* ber_put_integer(uint8_t* pos, uint8_t tag, uint32_t value, uint32_t n)
-{
+static uint8_t* ber_put_integer(uint8_t* pos, uint8_t tag, uint32_t value, uint32_t n) {
     for (uint32_t i = 0; i < n; i++) {
         *--pos = static_cast<uint8_t>(i < 4 ? (value >> (8 * i)) & 0xFF : 0);
     }
@@ -370,8 +351,7 @@ static uint8_t* ber_put_integer(uint8_t* pos, uint8_t tag, uint32_t value, uint3
     return pos;
 }
 
-uint8_t* asn_encode_int_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, int32_t value)
-{
+uint8_t* asn_encode_int_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, int32_t value) {
     if (pos == nullptr || room == nullptr) {
         return nullptr;
     }
@@ -383,8 +363,7 @@ uint8_t* asn_encode_int_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, int32
     return ber_put_integer(pos, tag, static_cast<uint32_t>(value), n);
 }
 
-uint8_t* asn_encode_u_int_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, uint32_t value)
-{
+uint8_t* asn_encode_u_int_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, uint32_t value) {
     if (pos == nullptr || room == nullptr) {
         return nullptr;
     }
@@ -397,8 +376,7 @@ uint8_t* asn_encode_u_int_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, uin
 }
 
 uint8_t* asn_encode_string_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, const uint8_t* src,
-                                   uint32_t len)
-{
+                                   uint32_t len) {
     if (pos == nullptr || room == nullptr || *room < len || (src == nullptr && len > 0)) {
         return nullptr;
     }
@@ -417,8 +395,7 @@ uint8_t* asn_encode_string_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, co
 }
 
 // Octets of one sub-identifier in base 128.
-static uint32_t ber_subid_octets(uint32_t v)
-{
+static uint32_t ber_subid_octets(uint32_t v) {
     uint32_t n = 1;
     while (v >= 0x80) {
         v >>= 7;
@@ -427,8 +404,7 @@ static uint32_t ber_subid_octets(uint32_t v)
     return n;
 }
 
-static uint8_t* ber_put_subid(uint8_t* pos, uint32_t v)
-{
+static uint8_t* ber_put_subid(uint8_t* pos, uint32_t v) {
     *--pos = static_cast<uint8_t>(v & 0x7F);  // the last group carries no continuation bit
     v >>= 7;
     while (v != 0) {
@@ -440,8 +416,7 @@ static uint8_t* ber_put_subid(uint8_t* pos, uint32_t v)
 
 // How many elements of the value area a container can be trusted to hold: its capacity,
 // and at least the inline area, which every block has.
-static uint64_t container_octets_held(const snmp_container* c)
-{
+static uint64_t container_octets_held(const snmp_container* c) {
     uint64_t held = sizeof(c->value);
     if (c->native == SNMP_NATIVE_OCTETS && c->capacity > held) {
         held = c->capacity;
@@ -449,8 +424,7 @@ static uint64_t container_octets_held(const snmp_container* c)
     return held;
 }
 
-static uint64_t container_subids_held(const snmp_container* c)
-{
+static uint64_t container_subids_held(const snmp_container* c) {
     uint64_t held = sizeof(c->value) / sizeof(uint32_t);
     if (c->native == SNMP_NATIVE_OID && c->capacity > held) {
         held = c->capacity;
@@ -458,8 +432,7 @@ static uint64_t container_subids_held(const snmp_container* c)
     return held;
 }
 
-static int ber_encode_oid(uint8_t** pos, uint32_t* room, const snmp_container* c)
-{
+static int ber_encode_oid(uint8_t** pos, uint32_t* room, const snmp_container* c) {
     const uint32_t* subids = snmp_container_const_subids(c);
     uint32_t n = c->length;
     if (n > container_subids_held(c)) {
@@ -509,8 +482,7 @@ static int ber_encode_oid(uint8_t** pos, uint32_t* room, const snmp_container* c
     return SNMP_CODEC_OK;
 }
 
-int asn_encode_primitive_reverse(uint8_t** pos, uint32_t* room, snmp_container* value)
-{
+int asn_encode_primitive_reverse(uint8_t** pos, uint32_t* room, snmp_container* value) {
     if (pos == nullptr || *pos == nullptr || room == nullptr || value == nullptr ||
         (value->tag & SNMP_ASN_CONSTRUCTED) != 0) {
         return SNMP_CODEC_BAD_ARGUMENT;

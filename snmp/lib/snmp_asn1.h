@@ -45,14 +45,14 @@ enum {
  */
 enum {
     SNMP_CODEC_OK = 0,
-    SNMP_CODEC_INCOMPLETE = -1,  /* varBind without name or value; Open version not 0 */
-    SNMP_CODEC_NO_MEMORY = -4,   /* no memory for a container or record */
-    SNMP_CODEC_NO_ROOM = -5,     /* output area too small; text longer than its buffer */
-    SNMP_CODEC_TOO_MANY = -6,    /* more varBinds than the limit */
-    SNMP_CODEC_BAD_OID = -9,     /* first two arcs are not a valid pair */
-    SNMP_CODEC_MALFORMED = -12,  /* wrong tag, bad length, failed primitive */
+    SNMP_CODEC_INCOMPLETE = -1,    /* varBind without name or value; Open version not 0 */
+    SNMP_CODEC_NO_MEMORY = -4,     /* no memory for a container or record */
+    SNMP_CODEC_NO_ROOM = -5,       /* output area too small; text longer than its buffer */
+    SNMP_CODEC_TOO_MANY = -6,      /* more varBinds than the limit */
+    SNMP_CODEC_BAD_OID = -9,       /* first two arcs are not a valid pair */
+    SNMP_CODEC_MALFORMED = -12,    /* wrong tag, bad length, failed primitive */
     SNMP_CODEC_BAD_ARGUMENT = -13, /* bad argument, unsupported type or version */
-    SNMP_CODEC_UNKNOWN_PDU = -21 /* identifier octet of no SMUX PDU */
+    SNMP_CODEC_UNKNOWN_PDU = -21   /* identifier octet of no SMUX PDU */
 };
 
 /* ---- decoders ----

@@ -28,8 +28,7 @@ constexpr uint32_t kMessageTail = 8;
 }  // namespace
 
 // Identifier and content length of the next element, bounded by `remaining`.
-static bool ed_peek(const uint8_t* p, uint32_t remaining, uint8_t* out_tag, uint32_t* out_len)
-{
+static bool ed_peek(const uint8_t* p, uint32_t remaining, uint8_t* out_tag, uint32_t* out_len) {
     uint32_t left = remaining;
     *out_tag = 0;
     *out_len = 0;
@@ -38,8 +37,7 @@ static bool ed_peek(const uint8_t* p, uint32_t remaining, uint8_t* out_tag, uint
 
 // The length an element claims, even when it does not fit in `remaining`; used to tell a
 // text too long for its buffer from a malformed one. 0 when not even that can be read.
-static uint32_t ed_claimed_len(const uint8_t* p, uint32_t remaining)
-{
+static uint32_t ed_claimed_len(const uint8_t* p, uint32_t remaining) {
     if (p == nullptr || remaining < 2 || p[1] == 0x80) {
         return 0;
     }
@@ -50,8 +48,7 @@ static uint32_t ed_claimed_len(const uint8_t* p, uint32_t remaining)
     return asn_readlen(p + 1, nullptr);
 }
 
-uint32_t snmp_pdu_size(uint32_t num_varBinds)
-{
+uint32_t snmp_pdu_size(uint32_t num_varBinds) {
     uint64_t size = offsetof(snmp_pdu, varBinds) + uint64_t{num_varBinds} * sizeof(snmp_varBind);
     if (size < sizeof(snmp_pdu)) {
         size = sizeof(snmp_pdu);
@@ -59,8 +56,7 @@ uint32_t snmp_pdu_size(uint32_t num_varBinds)
     return size > 0xFFFFFFFFu ? 0 : static_cast<uint32_t>(size);
 }
 
-uint32_t snmp_trap_pdu_size(uint32_t num_varBinds)
-{
+uint32_t snmp_trap_pdu_size(uint32_t num_varBinds) {
     uint64_t size =
         offsetof(snmp_trap_pdu, varBinds) + uint64_t{num_varBinds} * sizeof(snmp_varBind);
     if (size < sizeof(snmp_trap_pdu)) {
@@ -69,8 +65,7 @@ uint32_t snmp_trap_pdu_size(uint32_t num_varBinds)
     return size > 0xFFFFFFFFu ? 0 : static_cast<uint32_t>(size);
 }
 
-snmp_pdu* snmp_create_pdu(uint32_t num_varBinds)
-{
+snmp_pdu* snmp_create_pdu(uint32_t num_varBinds) {
     uint32_t size = snmp_pdu_size(num_varBinds);
     if (size == 0) {
         return nullptr;
@@ -78,8 +73,7 @@ snmp_pdu* snmp_create_pdu(uint32_t num_varBinds)
     return static_cast<snmp_pdu*>(std::calloc(1, size));
 }
 
-snmp_trap_pdu* snmp_create_trap_pdu(uint32_t num_varBinds)
-{
+snmp_trap_pdu* snmp_create_trap_pdu(uint32_t num_varBinds) {
     uint32_t size = snmp_trap_pdu_size(num_varBinds);
     if (size == 0) {
         return nullptr;
@@ -87,8 +81,7 @@ snmp_trap_pdu* snmp_create_trap_pdu(uint32_t num_varBinds)
     return static_cast<snmp_trap_pdu*>(std::calloc(1, size));
 }
 
-void snmp_free_varBinds(snmp_varBind* varBinds, uint32_t num_varBinds)
-{
+void snmp_free_varBinds(snmp_varBind* varBinds, uint32_t num_varBinds) {
     if (varBinds == nullptr) {
         return;
     }
@@ -100,8 +93,7 @@ void snmp_free_varBinds(snmp_varBind* varBinds, uint32_t num_varBinds)
     }
 }
 
-void snmp_free_pdu(snmp_pdu* pdu, uint32_t num_varBinds)
-{
+void snmp_free_pdu(snmp_pdu* pdu, uint32_t num_varBinds) {
     if (pdu == nullptr) {
         return;
     }
@@ -109,8 +101,7 @@ void snmp_free_pdu(snmp_pdu* pdu, uint32_t num_varBinds)
     std::free(pdu);
 }
 
-void snmp_free_trap_pdu(snmp_trap_pdu* trap, uint32_t num_varBinds)
-{
+void snmp_free_trap_pdu(snmp_trap_pdu* trap, uint32_t num_varBinds) {
     if (trap == nullptr) {
         return;
     }
@@ -119,8 +110,7 @@ void snmp_free_trap_pdu(snmp_trap_pdu* trap, uint32_t num_varBinds)
     std::free(trap);
 }
 
-int decode_oid(snmp_container** slot, const uint8_t** pos, uint32_t* remaining)
-{
+int decode_oid(snmp_container** slot, const uint8_t** pos, uint32_t* remaining) {
     if (slot == nullptr || pos == nullptr || remaining == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }
@@ -141,8 +131,7 @@ int decode_oid(snmp_container** slot, const uint8_t** pos, uint32_t* remaining)
     c->native = SNMP_NATIVE_OID;
     c->tag = SNMP_ASN_OBJECT_ID;
     uint32_t count = c->capacity;
-    const uint8_t* next =
-        asn_decode_oid(*pos, remaining, &tag, snmp_container_subids(c), &count);
+    const uint8_t* next = asn_decode_oid(*pos, remaining, &tag, snmp_container_subids(c), &count);
     if (next == nullptr || tag != SNMP_ASN_OBJECT_ID) {
         c->length = 0;
         return SNMP_CODEC_MALFORMED;
@@ -154,8 +143,7 @@ int decode_oid(snmp_container** slot, const uint8_t** pos, uint32_t* remaining)
 
 // Re-purposes the value container in `*slot` for a scalar of kind `native`. Always in place:
 // every block holds a scalar.
-static snmp_container* ed_scalar_slot(snmp_container** slot, uint8_t native, uint8_t tag)
-{
+static snmp_container* ed_scalar_slot(snmp_container** slot, uint8_t native, uint8_t tag) {
     snmp_container* c = snmp_reuse_container(*slot, native, 1);
     if (c == nullptr) {
         return nullptr;
@@ -169,8 +157,7 @@ static snmp_container* ed_scalar_slot(snmp_container** slot, uint8_t native, uin
 }
 
 // The value of one VarBind, by its tag; `p`/`remaining` lie inside the VarBind.
-static int ed_decode_value(snmp_varBind* vb, const uint8_t* p, uint32_t remaining)
-{
+static int ed_decode_value(snmp_varBind* vb, const uint8_t* p, uint32_t remaining) {
     uint8_t tag = 0;
     uint32_t len = 0;
     if (!ed_peek(p, remaining, &tag, &len)) {
@@ -254,8 +241,7 @@ static int ed_decode_value(snmp_varBind* vb, const uint8_t* p, uint32_t remainin
 // SEQUENCE OF VarBind at `p` into `varBinds[*count...]`. At most `limit` + 1 entries are
 // stored; the array must have room for them.
 static int decode_varBinds(const uint8_t* p, uint32_t remaining, uint32_t limit, uint32_t* count,
-                           snmp_varBind* varBinds)
-{
+                           snmp_varBind* varBinds) {
     uint8_t tag = 0;
     uint32_t left = remaining;
     p = asn_decode_header(p, &left, &tag);
@@ -290,8 +276,7 @@ static int decode_varBinds(const uint8_t* p, uint32_t remaining, uint32_t limit,
 
 // The list is written last entry first: the output grows toward the front.
 static int encode_varBinds(uint8_t** pos, uint32_t* room, uint32_t count, snmp_varBind* varBinds,
-                           int trap)
-{
+                           int trap) {
     uint8_t* end = *pos;
     uint8_t* p = end;
     for (uint32_t i = count; i > 0; i--) {
@@ -329,8 +314,7 @@ static int encode_varBinds(uint8_t** pos, uint32_t* room, uint32_t count, snmp_v
     return SNMP_CODEC_OK;
 }
 
-int encode_pdu(uint8_t** pos, uint32_t* room, snmp_pdu* pdu)
-{
+int encode_pdu(uint8_t** pos, uint32_t* room, snmp_pdu* pdu) {
     if (pos == nullptr || *pos == nullptr || room == nullptr || pdu == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }
@@ -352,8 +336,7 @@ int encode_pdu(uint8_t** pos, uint32_t* room, snmp_pdu* pdu)
     return SNMP_CODEC_OK;
 }
 
-int decode_pdu(snmp_pdu* pdu, uint32_t limit, const uint8_t* pos, uint32_t remaining)
-{
+int decode_pdu(snmp_pdu* pdu, uint32_t limit, const uint8_t* pos, uint32_t remaining) {
     if (pdu == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }
@@ -374,8 +357,7 @@ int decode_pdu(snmp_pdu* pdu, uint32_t limit, const uint8_t* pos, uint32_t remai
     return decode_varBinds(pos, remaining, limit, &pdu->varBind_count, pdu->varBinds);
 }
 
-int encode_trap_pdu(uint8_t** pos, uint32_t* room, snmp_trap_pdu* trap)
-{
+int encode_trap_pdu(uint8_t** pos, uint32_t* room, snmp_trap_pdu* trap) {
     if (pos == nullptr || *pos == nullptr || room == nullptr || trap == nullptr ||
         trap->enterprise == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
@@ -407,8 +389,7 @@ int encode_trap_pdu(uint8_t** pos, uint32_t* room, snmp_trap_pdu* trap)
     return SNMP_CODEC_OK;
 }
 
-int decode_trap_pdu(snmp_trap_pdu* trap, uint32_t limit, const uint8_t* pos, uint32_t remaining)
-{
+int decode_trap_pdu(snmp_trap_pdu* trap, uint32_t limit, const uint8_t* pos, uint32_t remaining) {
     if (trap == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }
@@ -442,8 +423,7 @@ int decode_trap_pdu(snmp_trap_pdu* trap, uint32_t limit, const uint8_t* pos, uin
     return decode_varBinds(pos, remaining, limit, &trap->varBind_count, trap->varBinds);
 }
 
-int snmp_encode_message(snmp_buffer* buffer, snmp_message* message)
-{
+int snmp_encode_message(snmp_buffer* buffer, snmp_message* message) {
     if (buffer == nullptr || message == nullptr || buffer->base == nullptr ||
         message->version != 0) {
         return SNMP_CODEC_BAD_ARGUMENT;
@@ -488,8 +468,7 @@ int snmp_encode_message(snmp_buffer* buffer, snmp_message* message)
 
 // Entries a record of `size` bytes holds beyond its first two: the decoder fills at most one
 // entry fewer than the storage has.
-static uint32_t ed_limit_from_size(uint32_t size, size_t header)
-{
+static uint32_t ed_limit_from_size(uint32_t size, size_t header) {
     if (size <= header) {
         return 0;
     }
@@ -497,8 +476,7 @@ static uint32_t ed_limit_from_size(uint32_t size, size_t header)
     return entries >= 2 ? entries - 2 : 0;
 }
 
-int snmp_decode_message(snmp_message* message, const snmp_buffer* buffer)
-{
+int snmp_decode_message(snmp_message* message, const snmp_buffer* buffer) {
     if (message == nullptr || buffer == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }
@@ -558,8 +536,7 @@ int snmp_decode_message(snmp_message* message, const snmp_buffer* buffer)
         if (message->trap == nullptr) {
             return SNMP_CODEC_BAD_ARGUMENT;
         }
-        uint32_t limit =
-            ed_limit_from_size(message->trap_size, offsetof(snmp_trap_pdu, varBinds));
+        uint32_t limit = ed_limit_from_size(message->trap_size, offsetof(snmp_trap_pdu, varBinds));
         return decode_trap_pdu(message->trap, limit, p, pdu_left);
     }
     return SNMP_CODEC_MALFORMED;

@@ -62,18 +62,18 @@ typedef struct snmp_trap_pdu snmp_trap_pdu;
 
 /* One SMUX PDU; which fields count depends on `type`. */
 struct smux_pdu {
-    int32_t version;   /* OpenPDU: only 0 is valid */
-    uint8_t type;      /* identifier octet, SMUX_PDU_* or SNMP_PDU_* */
-    int32_t code;      /* Close reason, RRsp result, SOut 0 commit / 1 rollback */
-    int32_t priority;  /* RReq */
-    int32_t operation; /* RReq: 0 delete, 1 readOnly, 2 readWrite */
+    int32_t version;                  /* OpenPDU: only 0 is valid */
+    uint8_t type;                     /* identifier octet, SMUX_PDU_* or SNMP_PDU_* */
+    int32_t code;                     /* Close reason, RRsp result, SOut 0 commit / 1 rollback */
+    int32_t priority;                 /* RReq */
+    int32_t operation;                /* RReq: 0 delete, 1 readOnly, 2 readWrite */
     char description[SMUX_TEXT_SIZE]; /* OpenPDU; NUL-terminated after decoding */
     uint32_t description_len;
     char password[SMUX_TEXT_SIZE]; /* OpenPDU; NUL-terminated after decoding */
     uint32_t password_len;
-    struct snmp_container* oid;        /* OpenPDU identity, or RReq subtree */
-    struct snmp_pdu* snmp;             /* types 0xA0..0xA3 */
-    struct snmp_trap_pdu* trap;        /* type 0xA4 */
+    struct snmp_container* oid; /* OpenPDU identity, or RReq subtree */
+    struct snmp_pdu* snmp;      /* types 0xA0..0xA3 */
+    struct snmp_trap_pdu* trap; /* type 0xA4 */
 };
 typedef struct smux_pdu smux_pdu;
 
