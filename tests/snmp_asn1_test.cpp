@@ -319,6 +319,15 @@ TEST(Asn1, ChildLongerThanParent) {
         std::string value;
         EXPECT_EQ(decode(kind, p, &remaining, &value), nullptr) << kind;
     }
+    // A string longer than its destination copies nothing.
+    const Bytes abc = hex("04 03 61 62 63");
+    uint8_t dst[2] = {0xEE, 0xEE};
+    uint32_t size = sizeof dst;
+    uint32_t remaining = 5;
+    uint8_t tag = 0;
+    EXPECT_EQ(asn_decode_string(abc.data(), &remaining, &tag, dst, &size), nullptr);
+    EXPECT_EQ(Bytes(dst, dst + 2), Bytes(2, 0xEE));
+    EXPECT_EQ(size, 2u);
 }
 
 // Encodings of containers, and every room too small for them: a code, never a byte written

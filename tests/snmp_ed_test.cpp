@@ -184,25 +184,6 @@ TEST(SnmpPdu, ValueTags) {
     }
 }
 
-TEST(SnmpPdu, VarBindLimit) {
-    struct Row {
-        uint32_t limit, present;
-        int code;
-        uint32_t stored;
-    };
-    const Row rows[] = {{2, 3, SNMP_CODEC_OK, 3},
-                        {2, 4, SNMP_CODEC_TOO_MANY, 3},  // fails after limit + 1 are stored
-                        {0, 1, SNMP_CODEC_OK, 1},
-                        {0, 2, SNMP_CODEC_TOO_MANY, 1}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.present);
-        OwnedPdu pdu(snmp_create_pdu(8));
-        Bytes wire = tlv(0xA1, cat({kFields, varbind_list(row.present)}));
-        EXPECT_EQ(decode_fields(wire, pdu.get(), row.limit), row.code);
-        EXPECT_EQ(pdu->varBind_count, row.stored);
-    }
-}
-
 // Decoding into the same record again keeps its containers, resizes them only when needed
 // and changes a value's kind in place; ASan reports any block lost on the way.
 TEST(SnmpPdu, RecyclesContainers) {
