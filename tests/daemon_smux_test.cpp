@@ -15,28 +15,28 @@ namespace {
 void expect_next(daemon_session* s, const bytes& expected, int timeout_ms = 5000) {
     bytes got;
     ASSERT_EQ(fake_agent_next(&s->agent, &got, timeout_ms), PEER_OK) << daemon_log(s);
-    EXPECT_EQ(to_hex(got), to_hex(expected));
+    EXPECT_EQ(vx_to_hex(got), vx_to_hex(expected));
 }
 
 void expect_silence(daemon_session* s, int ms) {
     bytes got;
-    EXPECT_EQ(fake_agent_next(&s->agent, &got, ms), PEER_TIMEOUT) << "unexpected " << to_hex(got);
+    EXPECT_EQ(fake_agent_next(&s->agent, &got, ms), PEER_TIMEOUT) << "unexpected " << vx_to_hex(got);
 }
 
 // The daemon ends the session: the agent sees the end of the stream, nothing before it.
 void expect_hang_up(daemon_session* s) {
     bytes got;
-    EXPECT_EQ(fake_agent_next(&s->agent, &got, 3000), PEER_EOF) << "got " << to_hex(got);
+    EXPECT_EQ(fake_agent_next(&s->agent, &got, 3000), PEER_EOF) << "got " << vx_to_hex(got);
 }
 
 // A subagent that opens a connection and registers `group` (with its final dot).
 int register_subagent(daemon_session* s, const std::string& group, uint16_t id) {
-    int fd = dpi_connect(s->dpi_port);
+    int fd = vx_tcp_connect(s->dpi_port);
     EXPECT_GE(fd, 0);
-    EXPECT_TRUE(dpi_send(fd, dpi_register(id, group)));
+    EXPECT_TRUE(vx_send_all(fd, vx_dpi_register(id, group)));
     bytes answer;
     EXPECT_EQ(dpi_read(fd, &answer, 5000), PEER_OK);
-    EXPECT_EQ(to_hex(answer), to_hex(dpi_response(id, 0)));
+    EXPECT_EQ(vx_to_hex(answer), vx_to_hex(vx_dpi_response(id, 0)));
     return fd;
 }
 
@@ -104,7 +104,7 @@ TEST(DaemonSmux, FailedOpenClosesAndRetries) {
     };
     daemon_session s;
     std::string why;
-    ASSERT_TRUE(fake_agent_listen(&s.agent, &why)) << why;
+    ASSERT_TRUE(fake_agent_listen(&s.agent));
     ASSERT_TRUE(vx_start_varnex2(&s.daemon, {"-d", "32"}, nullptr, &why)) << why;
     int failures = 0;
     for (const row& r : rows) {
@@ -141,12 +141,12 @@ TEST(DaemonSmux, SessionEndsAndComesBack) {
         bytes send;  // empty: the agent hangs up
         const char* message;
     } rows[] = {
-        {"ClosePDU", hex("41 01 00"), "SMUX CLOSE received\n"},
-        {"RRsp -1", hex("43 01 ff"), "Registration failed\n"},
-        {"RRsp -1 in four octets", hex("43 04 ff ff ff ff"), "Registration failed\n"},
+        {"ClosePDU", vx_hex("41 01 00"), "SMUX CLOSE received\n"},
+        {"RRsp -1", vx_hex("43 01 ff"), "Registration failed\n"},
+        {"RRsp -1 in four octets", vx_hex("43 04 ff ff ff ff"), "Registration failed\n"},
         {"agent hangs up", {}, "EOF received on SMUX fd: "},
-        {"unknown PDU", hex("45 01 00"), "rc=-21 from smux_decode_message()\n"},
-        {"PDU larger than the buffer", cat({hex("a0 82 10 04"), bytes(4100, 0)}),
+        {"unknown PDU", vx_hex("45 01 00"), "rc=-21 from smux_decode_message()\n"},
+        {"PDU larger than the buffer", cat({vx_hex("a0 82 10 04"), bytes(4100, 0)}),
          "rc=-5 from smux_decode_message()\n"},
     };
     daemon_session s;
@@ -175,7 +175,7 @@ TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
     ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
     daemon_session s;
     ASSERT_TRUE(start_session(&s, {}));
-    const bytes port = ber_int(0x02, s.dpi_port);
+    const bytes port = vx_ber_int(0x02, s.dpi_port);
     auto get = [](int id, const char* oid) {
         return snmp_pdu_bytes(0xa0, id, 0, 0, {{oid, {}}});
     };
@@ -183,11 +183,11 @@ TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
         return snmp_pdu_bytes(0xa2, id, 0, 0, {{DPI_PORT_INSTANCE, port}});
     };
     // The real agent writes request lengths in the long form.
-    const bytes oid = ber_oid(DPI_PORT_INSTANCE);
-    const bytes binding = cat({hex("30 82 00"), {static_cast<uint8_t>(oid.size() + 2)}, oid, hex("05 00")});
-    const bytes list = cat({hex("30 82 00"), {static_cast<uint8_t>(binding.size())}, binding});
-    const bytes body = cat({hex("02 01 0b 02 01 00 02 01 00"), list});
-    const bytes long_form = cat({hex("a0 82 00"), {static_cast<uint8_t>(body.size())}, body});
+    const bytes oid = vx_ber_oid(DPI_PORT_INSTANCE);
+    const bytes binding = cat({vx_hex("30 82 00"), {static_cast<uint8_t>(oid.size() + 2)}, oid, vx_hex("05 00")});
+    const bytes list = cat({vx_hex("30 82 00"), {static_cast<uint8_t>(binding.size())}, binding});
+    const bytes body = cat({vx_hex("02 01 0b 02 01 00 02 01 00"), list});
+    const bytes long_form = cat({vx_hex("a0 82 00"), {static_cast<uint8_t>(body.size())}, body});
     const bytes get3 = get(3, DPI_PORT_INSTANCE);
     const bytes get4 = get(4, DPI_PORT_INSTANCE);
     const bytes get7 = get(7, DPI_PORT_INSTANCE);
@@ -198,11 +198,11 @@ TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
         std::vector<bytes> answers;
     } rows[] = {
         {"one Get", {get(1, DPI_PORT_INSTANCE)}, {answer(1)}},
-        {"SOut and Get in one write", {cat({hex("44 01 00"), get(2, DPI_PORT_INSTANCE)})}, {answer(2)}},
+        {"SOut and Get in one write", {cat({vx_hex("44 01 00"), get(2, DPI_PORT_INSTANCE)})}, {answer(2)}},
         {"Get split after five bytes",
          {bytes(get3.begin(), get3.begin() + 5), bytes(get3.begin() + 5, get3.end())},
          {answer(3)}},
-        {"Get split after its tag", {hex("a0"), bytes(get4.begin() + 1, get4.end())},
+        {"Get split after its tag", {vx_hex("a0"), bytes(get4.begin() + 1, get4.end())},
          {answer(4)}},
         {"two Gets in one write", {cat({get(5, DPI_PORT_INSTANCE), get(6, DPI_PORT_INSTANCE)})},
          {answer(5), answer(6)}},
@@ -211,7 +211,7 @@ TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
           bytes(get7.begin() + 9, get7.end())},
          {answer(8), answer(7)}},
         {"long-form lengths", {long_form}, {answer(11)}},
-        {"RRsp and SOut before a Get", {cat({smux_rrsp(3), hex("44 01 01"), get(12, DPI_PORT_INSTANCE)})},
+        {"RRsp and SOut before a Get", {cat({smux_rrsp(3), vx_hex("44 01 01"), get(12, DPI_PORT_INSTANCE)})},
          {answer(12)}},
         {"PDUs the agent should not send are passed over",
          {cat({smux_open("1.3.6.1.4.1.1", "x", ""), smux_rreq("1.3.6.1.4.1.1", 2),
@@ -222,8 +222,8 @@ TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
          {snmp_pdu_bytes(0xa1, 14, 0, 0, {{"1.3.6.1", {}}})},
          {answer(14)}},
         {"Set of the port object is refused at binding 1",
-         {snmp_pdu_bytes(0xa3, 15, 0, 0, {{DPI_PORT_INSTANCE, ber_int(0x02, 5)}})},
-         {snmp_pdu_bytes(0xa2, 15, 2, 1, {{DPI_PORT_INSTANCE, ber_int(0x02, 5)}})}},
+         {snmp_pdu_bytes(0xa3, 15, 0, 0, {{DPI_PORT_INSTANCE, vx_ber_int(0x02, 5)}})},
+         {snmp_pdu_bytes(0xa2, 15, 2, 1, {{DPI_PORT_INSTANCE, vx_ber_int(0x02, 5)}})}},
         {"the second of three bindings fails: later ones are left as they came",
          {snmp_pdu_bytes(0xa0, 16, 0, 0,
                          {{DPI_PORT_INSTANCE, {}}, {"1.3.6.1.2.1.1.1.0", {}}, {DPI_PORT_INSTANCE, {}}})},
@@ -258,14 +258,14 @@ TEST(DaemonSmux, TrapAfterEachAcceptedRegistration) {
     bytes got;
     ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(0)));
     ASSERT_EQ(fake_agent_read(&s.agent, &got, 3000), PEER_OK);
-    EXPECT_EQ(to_hex(got), to_hex(trap));
-    ASSERT_TRUE(fake_agent_send(&s.agent, cat({hex("43 04 00 00 00 01"), smux_rrsp(2)})));
+    EXPECT_EQ(vx_to_hex(got), vx_to_hex(trap));
+    ASSERT_TRUE(fake_agent_send(&s.agent, cat({vx_hex("43 04 00 00 00 01"), smux_rrsp(2)})));
     for (int i = 0; i < 2; i++) {
         ASSERT_EQ(fake_agent_read(&s.agent, &got, 3000), PEER_OK);
-        EXPECT_EQ(to_hex(got), to_hex(trap));
+        EXPECT_EQ(vx_to_hex(got), vx_to_hex(trap));
     }
     ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(-1)));
-    EXPECT_EQ(fake_agent_read(&s.agent, &got, 3000), PEER_EOF) << to_hex(got);
+    EXPECT_EQ(fake_agent_read(&s.agent, &got, 3000), PEER_EOF) << vx_to_hex(got);
 }
 
 // The agent forgets a closed session's registrations: the next session announces the
@@ -289,9 +289,9 @@ TEST(DaemonSmux, SubtreesReplayedAfterReopen) {
     // The subagents did not notice.
     for (int fd : {a, b}) {
         bytes answer;
-        ASSERT_TRUE(dpi_send(fd, dpi_are_you_there(9)));
+        ASSERT_TRUE(vx_send_all(fd, vx_dpi_simple(9, 15)));
         ASSERT_EQ(dpi_read(fd, &answer, 3000), PEER_OK);
-        EXPECT_EQ(to_hex(answer), to_hex(dpi_response(9, 0)));
+        EXPECT_EQ(vx_to_hex(answer), vx_to_hex(vx_dpi_response(9, 0)));
     }
     close(a);
     close(b);
