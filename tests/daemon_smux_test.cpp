@@ -3,6 +3,7 @@
 // that end a session, and requests that arrive in pieces or several to a read.
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,20 @@ int register_subagent(daemon_session* s, const std::string& group, uint16_t id) 
     EXPECT_EQ(dpi_read(fd, &answer, 5000), PEER_OK);
     EXPECT_EQ(vx_to_hex(answer), vx_to_hex(vx_dpi_response(id, 0)));
     return fd;
+}
+
+// One packet dump as the daemon writes it: 16 bytes a line, each followed by a blank or,
+// the 16th, by a line end; then an empty line.
+std::string dump_of(const bytes& b, const char* label, int count) {
+    std::string out = "# Dump of " + std::to_string(b.size()) + " byte " + label + " packet, count " +
+                      std::to_string(count) + "\n";
+    char two[3];
+    for (size_t i = 0; i < b.size(); i++) {
+        snprintf(two, sizeof two, "%02x", b[i]);
+        out += two;
+        out += i % 16 == 15 ? "\n" : " ";
+    }
+    return out + "\n";
 }
 
 std::string peer_log_path() {
@@ -138,15 +153,17 @@ TEST(DaemonSmux, SessionEndsAndComesBack) {
     ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
     struct row {
         const char* name;
-        bytes send;  // empty: the agent hangs up
+        bytes send;
+        bool hang_up;  // the agent ends the stream after sending
         const char* message;
     } rows[] = {
-        {"ClosePDU", vx_hex("41 01 00"), "SMUX CLOSE received\n"},
-        {"RRsp -1", vx_hex("43 01 ff"), "Registration failed\n"},
-        {"RRsp -1 in four octets", vx_hex("43 04 ff ff ff ff"), "Registration failed\n"},
-        {"agent hangs up", {}, "EOF received on SMUX fd: "},
-        {"unknown PDU", vx_hex("45 01 00"), "rc=-21 from smux_decode_message()\n"},
-        {"PDU larger than the buffer", cat({vx_hex("a0 82 10 04"), bytes(4100, 0)}),
+        {"ClosePDU", vx_hex("41 01 00"), false, "SMUX CLOSE received\n"},
+        {"RRsp -1", vx_hex("43 01 ff"), false, "Registration failed\n"},
+        {"RRsp -1 in four octets", vx_hex("43 04 ff ff ff ff"), false, "Registration failed\n"},
+        {"agent hangs up", {}, true, "EOF received on SMUX fd: "},
+        {"stream ends inside a PDU", vx_hex("a0 0c 02 01"), true, "rc=-12 from smux_decode_message()\n"},
+        {"unknown PDU", vx_hex("45 01 00"), false, "rc=-21 from smux_decode_message()\n"},
+        {"PDU larger than the buffer", cat({vx_hex("a0 82 10 04"), bytes(4100, 0)}), false,
          "rc=-5 from smux_decode_message()\n"},
     };
     daemon_session s;
@@ -154,10 +171,10 @@ TEST(DaemonSmux, SessionEndsAndComesBack) {
     int lost = 0;
     for (const row& r : rows) {
         SCOPED_TRACE(r.name);
-        if (r.send.empty()) {
+        ASSERT_TRUE(fake_agent_send(&s.agent, r.send));
+        if (r.hang_up) {
             fake_agent_hang_up(&s.agent);
         } else {
-            ASSERT_TRUE(fake_agent_send(&s.agent, r.send));
             expect_hang_up(&s);
         }
         lost++;
@@ -343,4 +360,47 @@ TEST(DaemonSmux, OneRReqPerDistinctSubtree) {
     expect_silence(&s, 500);
     close(a);
     expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 0));
+}
+
+// At Internal-lvl3 every packet either way is dumped, numbered from 1, with the library
+// banner before the first dump only; results are traced even when they are 0.
+TEST(DaemonSmux, PacketDumpsAtLevelThree) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {"-d", "128"}, false));
+    const bytes open = smux_open(VX_TEST_PEER_OID, s.banner, VX_TEST_PEER_PASSWORD);
+    const bytes rrsp = vx_hex("43 01 00");
+    ASSERT_TRUE(fake_agent_send(&s.agent, rrsp));
+    bytes trap;
+    ASSERT_EQ(fake_agent_read(&s.agent, &trap, 3000), PEER_OK);
+
+    int fd = vx_tcp_connect(s.dpi_port);
+    ASSERT_GE(fd, 0);
+    const bytes ayt = vx_dpi_simple(0x0a0b, 15);
+    ASSERT_TRUE(vx_send_all(fd, ayt));
+    bytes answer;
+    ASSERT_EQ(dpi_read(fd, &answer, 3000), PEER_OK);
+    close(fd);
+
+    const std::string dumps[] = {
+        dump_of(open, "SMUXsend", 1),           dump_of(smux_rreq(DPI_PORT_OBJECT, 2), "SMUXsend", 2),
+        dump_of(rrsp, "Incoming SMUX packet", 3), dump_of(trap, "SMUXsend", 4),
+        dump_of(ayt, "Incoming DPI packet", 5),   dump_of(answer, "Outgoing DPI packet", 6),
+    };
+    ASSERT_TRUE(vx_wait_for_text(s.daemon.log_path, "count 6\n", 3000));
+    std::string log = daemon_log(&s);
+    size_t at = 0;
+    for (const std::string& d : dumps) {
+        SCOPED_TRACE(d);
+        size_t found = log.find(d, at);
+        ASSERT_NE(found, std::string::npos);
+        at = found + d.size();
+    }
+    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "# Dump of "), 6);
+    size_t banner = log.find("# AGENTKIT, 2.0.00, Mar 16 1998, Compiled ");
+    EXPECT_LT(banner, log.find("# Dump of "));
+    EXPECT_EQ(log.find("# AGENTKIT", banner + 1), std::string::npos);
+    EXPECT_NE(log.find("rc=0 from SMUXopen()\n"), std::string::npos);
+    EXPECT_NE(log.find("rc=0 from smux_encode_message()\n"), std::string::npos);
+    EXPECT_NE(log.find("Using line 1: varnex2 1.3.6.1.4.1.99999.1\n"), std::string::npos);
 }

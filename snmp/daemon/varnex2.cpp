@@ -607,6 +607,11 @@ int handle_smux(void) {
     }
     if (got == 0) {
         VX_SAY("EOF received on SMUX fd: %d\n", smux_fd);
+        if (smux_stream_len > 0) {
+            // The stream ended inside a PDU.
+            VX_RC(SNMP_CODEC_MALFORMED, "smux_decode_message");
+            return SNMP_CODEC_MALFORMED;
+        }
         return -1;
     }
     if (tracing & TRACE_LVL3) {
