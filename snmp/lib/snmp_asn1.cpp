@@ -2,6 +2,7 @@
 // byte beyond it; encoders write backward and never below the room they were given.
 #include "snmp_asn1.h"
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -21,6 +22,15 @@ struct ber_element {
 };
 
 }  // namespace
+
+// Big-endian contents into 32 bits; longer contents keep their last four octets.
+static uint32_t ber_fold(const uint8_t* c, uint32_t len, uint32_t start) {
+    uint32_t v = start;
+    for (uint32_t i = 0; i < len; i++) {
+        v = (v << 8) | c[i];
+    }
+    return v;
+}
 
 // Reads the identifier and length octets of the element at `p` from at most `avail` bytes,
 // and checks that the whole element lies within them. The tag is stored as soon as one byte
@@ -47,9 +57,7 @@ static bool ber_peek(const uint8_t* p, uint32_t avail, ber_element* out) {
             return false;
         }
         // Long lengths keep their low 32 bits; a peer may pad with leading zero octets.
-        for (uint32_t i = 0; i < n; i++) {
-            len = (len << 8) | p[2 + i];
-        }
+        len = ber_fold(p + 2, n, 0);
         header_len = 2 + n;
     }
     if (len > avail - header_len) {
@@ -77,15 +85,6 @@ static const uint8_t* ber_take(const uint8_t* p, uint32_t* remaining, uint8_t* o
     }
     *remaining -= el->header_len + el->content_len;
     return p + el->header_len;
-}
-
-// Big-endian contents into 32 bits; longer contents keep their last four octets.
-static uint32_t ber_fold(const uint8_t* c, uint32_t len, uint32_t start) {
-    uint32_t v = start;
-    for (uint32_t i = 0; i < len; i++) {
-        v = (v << 8) | c[i];
-    }
-    return v;
 }
 
 uint32_t asn_readlen(const uint8_t* p, uint32_t* out_octets) {
@@ -260,12 +259,7 @@ const uint8_t* asn_decode_oid(const uint8_t* p, uint32_t* remaining, uint8_t* ou
 
 // Number of octets of a definite length's value part in the long form.
 static uint32_t ber_len_octets(uint32_t len) {
-    uint32_t n = 0;
-    while (len != 0) {
-        n++;
-        len >>= 8;
-    }
-    return n;
+    return static_cast<uint32_t>(std::bit_width(len) + 7) / 8;
 }
 
 // Writes a definite length in front of `pos`; the room has been checked by the caller.
@@ -396,12 +390,7 @@ uint8_t* asn_encode_string_reverse(uint8_t* pos, uint32_t* room, uint8_t tag, co
 
 // Octets of one sub-identifier in base 128.
 static uint32_t ber_subid_octets(uint32_t v) {
-    uint32_t n = 1;
-    while (v >= 0x80) {
-        v >>= 7;
-        n++;
-    }
-    return n;
+    return v == 0 ? 1 : static_cast<uint32_t>(std::bit_width(v) + 6) / 7;
 }
 
 static uint8_t* ber_put_subid(uint8_t* pos, uint32_t v) {
