@@ -404,3 +404,26 @@ TEST(DaemonSmux, PacketDumpsAtLevelThree) {
     EXPECT_NE(log.find("rc=0 from smux_encode_message()\n"), std::string::npos);
     EXPECT_NE(log.find("Using line 1: varnex2 1.3.6.1.4.1.99999.1\n"), std::string::npos);
 }
+
+// The agent takes any PDU but a Trap that comes while it waits for an answer as that
+// answer: a subagent that goes away during a forwarded request has its withdrawal sent only
+// after the GetResponse.
+TEST(DaemonSmux, WithdrawalWaitsForTheAnswer) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    int fd = register_subagent(&s, "1.3.6.1.4.1.2.6.1.", 1);
+    expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 2));
+
+    const char* object = "1.3.6.1.4.1.2.6.1.1.0";
+    ASSERT_TRUE(fake_agent_send(&s.agent, snmp_pdu_bytes(0xa0, 21, 0, 0, {{object, {}}})));
+    bytes request;
+    ASSERT_EQ(dpi_read(fd, &request, 3000), PEER_OK);
+    ASSERT_GE(request.size(), 8u);
+    EXPECT_EQ(request[7], 1) << "a DPI GET: " << vx_to_hex(request);
+    close(fd);
+
+    expect_next(&s, snmp_pdu_bytes(0xa2, 21, 5, 1, {{object, {}}}));
+    expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 0));
+    expect_silence(&s, 300);
+}
