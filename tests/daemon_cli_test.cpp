@@ -221,7 +221,7 @@ TEST_F(DaemonCommandLine, RetriesUntilTheAgentListens) {
 
     // Listening now: the next attempt is at most 5 s away.
     ASSERT_TRUE(fake_agent_listen(&s.agent));
-    ASSERT_TRUE(attach_session(&s, 6500, true));
+    ASSERT_TRUE(attach_session(&s, 7500, true));
     EXPECT_GT(s.dpi_port, 0);
     EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "connected to agent"), 1);
 }

@@ -161,7 +161,7 @@ TEST(DaemonDpi, RegisterAnnouncedToAgent) {
 
     std::string why;
     ASSERT_TRUE(fake_agent_listen(&s.agent));
-    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    ASSERT_TRUE(accept_reopen(&s, 7500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
     for (const char* subtree : {DPI_PORT_OBJECT, "1.3.6.1.4.1.2.6.1", "1.3.6.1.4.1.2.6.2",
                                 "1.3.6.1.4.1.2.6.4", "1.3.6.1.4.1.2.6.7"}) {
         expect_next(&s, smux_rreq(subtree, 2));

@@ -125,14 +125,14 @@ TEST(DaemonSmux, FailedOpenClosesAndRetries) {
     for (const row& r : rows) {
         SCOPED_TRACE(r.name);
         ASSERT_TRUE(vx_write_peers_file(r.peers.c_str()));
-        ASSERT_TRUE(fake_agent_accept(&s.agent, 6500)) << daemon_log(&s);
+        ASSERT_TRUE(fake_agent_accept(&s.agent, 7500)) << daemon_log(&s);
         expect_hang_up(&s);
         failures++;
         ASSERT_TRUE(vx_wait_for_text(s.daemon.log_path, "Error on SMUXopen\n", 3000, failures));
         EXPECT_NE(daemon_log(&s).find(r.message), std::string::npos) << daemon_log(&s);
     }
     ASSERT_TRUE(vx_write_peers_file(VX_TEST_PEERS_TEXT));
-    ASSERT_TRUE(attach_session(&s, 6500, true));
+    ASSERT_TRUE(attach_session(&s, 7500, true));
     EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "connected to agent"), 1);
 }
 
@@ -144,7 +144,7 @@ TEST(DaemonSmux, PasswordNotKeptAcrossOpens) {
     ASSERT_TRUE(start_session(&s, {}));
     ASSERT_TRUE(vx_write_peers_file("# emptied\n"));
     fake_agent_hang_up(&s.agent);
-    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, ""));
+    ASSERT_TRUE(accept_reopen(&s, 7500, VX_TEST_PEER_OID, ""));
 }
 
 // ClosePDU, a refused registration, the end of the stream and bytes that do not decode each
@@ -180,7 +180,7 @@ TEST(DaemonSmux, SessionEndsAndComesBack) {
         lost++;
         ASSERT_TRUE(vx_wait_for_text(s.daemon.log_path, "Lost connection to agent\n", 3000, lost));
         EXPECT_NE(daemon_log(&s).find(r.message), std::string::npos) << daemon_log(&s);
-        ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+        ASSERT_TRUE(accept_reopen(&s, 7500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
         // Every session starts with nothing registered, so the port object goes out again.
         expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
         ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(0)));
@@ -297,7 +297,7 @@ TEST(DaemonSmux, SubtreesReplayedAfterReopen) {
     expect_next(&s, smux_rreq("1.3.6.1.2.1.99", 2));
 
     fake_agent_hang_up(&s.agent);
-    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    ASSERT_TRUE(accept_reopen(&s, 7500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
     expect_next(&s, smux_rreq("1.3.6.1.2.1.99", 2));
     expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
     expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 2));
@@ -326,13 +326,13 @@ TEST(DaemonSmux, NoReplayAfterRefusal) {
     ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(-1)));
     expect_hang_up(&s);
 
-    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    ASSERT_TRUE(accept_reopen(&s, 7500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
     expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
     expect_silence(&s, 500);
     ASSERT_TRUE(fake_agent_send(&s.agent, smux_rrsp(0)));
 
     fake_agent_hang_up(&s.agent);
-    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    ASSERT_TRUE(accept_reopen(&s, 7500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
     expect_next(&s, smux_rreq("1.3.6.1.2.1.1.5", 2));
     expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
     expect_silence(&s, 500);
@@ -351,7 +351,7 @@ TEST(DaemonSmux, OneRReqPerDistinctSubtree) {
     expect_silence(&s, 500);
 
     fake_agent_hang_up(&s.agent);
-    ASSERT_TRUE(accept_reopen(&s, 6500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
+    ASSERT_TRUE(accept_reopen(&s, 7500, VX_TEST_PEER_OID, VX_TEST_PEER_PASSWORD));
     expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
     expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 2));
     expect_silence(&s, 500);
