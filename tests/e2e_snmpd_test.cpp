@@ -3,7 +3,6 @@
 // example subagent (or to a scripted one where a test needs a subagent that misbehaves), and
 // traps come back the same way to snmptrapd. Everything runs in a private namespace.
 #include <gtest/gtest.h>
-
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -61,7 +60,7 @@ struct tool_run {
 };
 
 class EndToEnd : public ::testing::Test {
-protected:
+   protected:
     void SetUp() override {
         std::string why;
         if (!vx_enter_private_namespace(VX_TEST_PEERS_TEXT, &why)) {
@@ -116,8 +115,8 @@ protected:
     static std::vector<std::string> args(const char* tool_name, const char* version,
                                          const char* community,
                                          const std::vector<std::string>& rest) {
-        std::vector<std::string> argv = {tool_name, version,  "-c", community, "-On",
-                                         "-r",      "0",      "-t", "20",      "127.0.0.1"};
+        std::vector<std::string> argv = {tool_name, version, "-c", community, "-On",
+                                         "-r",      "0",     "-t", "20",      "127.0.0.1"};
         argv.insert(argv.end(), rest.begin(), rest.end());
         return argv;
     }
@@ -126,8 +125,8 @@ protected:
         std::string why;
         t->output.clear();
         ASSERT_TRUE(vx_spawn(&t->proc, argv,
-                             vx_test_dir() + "/tool" + std::to_string(++tools_) + ".log",
-                             nullptr, &why))
+                             vx_test_dir() + "/tool" + std::to_string(++tools_) + ".log", nullptr,
+                             &why))
             << why;
     }
 
@@ -182,8 +181,7 @@ protected:
     // An answer to `m` for SCRIPTED.<instance>.
     static vx_bytes integer_answer(const vx_dpi_msg& m, const std::string& instance,
                                    int32_t value) {
-        return vx_dpi_response(m.packet_id, 0, SCRIPTED_GROUP, instance, T_INTEGER32,
-                               be32(value));
+        return vx_dpi_response(m.packet_id, 0, SCRIPTED_GROUP, instance, T_INTEGER32, be32(value));
     }
 
     // snmpd answers every RReq, and the daemon sends a coldStart for each answer: once the
@@ -230,22 +228,46 @@ TEST_F(EndToEnd, ExampleSubagentAnswersGetGetNextAndWalks) {
          0,
          {"." + e + ".1.0 = STRING: \"varnex2 example subagent\""},
          {}},
-        {"v2c get of an INTEGER", args("snmpget", "-v2c", "public", {e + ".2.0"}), 0,
-         {"." + e + ".2.0 = INTEGER: 42"}, {}},
-        {"v1 get of a Counter32", args("snmpget", "-v1", "public", {e + ".3.0"}), 0,
-         {"." + e + ".3.0 = Counter32: "}, {}},
-        {"v2c get of TimeTicks", args("snmpget", "-v2c", "public", {e + ".4.0"}), 0,
-         {"." + e + ".4.0 = Timeticks: "}, {}},
-        {"v1 get of an IpAddress", args("snmpget", "-v1", "public", {e + ".5.0"}), 0,
-         {"." + e + ".5.0 = IpAddress: 127.0.0.1"}, {}},
-        {"v1 get of a missing object", args("snmpget", "-v1", "public", {e + ".9.0"}), 2,
-         {"noSuchName"}, {}},
-        {"v2c get of a missing object", args("snmpget", "-v2c", "public", {e + ".9.0"}), 0,
-         {"No Such"}, {}},
-        {"v1 getnext from the subtree", args("snmpgetnext", "-v1", "public", {e}), 0,
-         {"." + e + ".1.0 = STRING: "}, {}},
-        {"v2c getnext between objects", args("snmpgetnext", "-v2c", "public", {e + ".5"}), 0,
-         {"." + e + ".5.0 = IpAddress: 127.0.0.1"}, {}},
+        {"v2c get of an INTEGER",
+         args("snmpget", "-v2c", "public", {e + ".2.0"}),
+         0,
+         {"." + e + ".2.0 = INTEGER: 42"},
+         {}},
+        {"v1 get of a Counter32",
+         args("snmpget", "-v1", "public", {e + ".3.0"}),
+         0,
+         {"." + e + ".3.0 = Counter32: "},
+         {}},
+        {"v2c get of TimeTicks",
+         args("snmpget", "-v2c", "public", {e + ".4.0"}),
+         0,
+         {"." + e + ".4.0 = Timeticks: "},
+         {}},
+        {"v1 get of an IpAddress",
+         args("snmpget", "-v1", "public", {e + ".5.0"}),
+         0,
+         {"." + e + ".5.0 = IpAddress: 127.0.0.1"},
+         {}},
+        {"v1 get of a missing object",
+         args("snmpget", "-v1", "public", {e + ".9.0"}),
+         2,
+         {"noSuchName"},
+         {}},
+        {"v2c get of a missing object",
+         args("snmpget", "-v2c", "public", {e + ".9.0"}),
+         0,
+         {"No Such"},
+         {}},
+        {"v1 getnext from the subtree",
+         args("snmpgetnext", "-v1", "public", {e}),
+         0,
+         {"." + e + ".1.0 = STRING: "},
+         {}},
+        {"v2c getnext between objects",
+         args("snmpgetnext", "-v2c", "public", {e + ".5"}),
+         0,
+         {"." + e + ".5.0 = IpAddress: 127.0.0.1"},
+         {}},
         {"v2c getnext of two at once",
          args("snmpgetnext", "-v2c", "public", {e + ".1.0", e + ".5.0"}),
          0,
@@ -290,8 +312,7 @@ TEST_F(EndToEnd, SetIsCommittedAndItsTrapReachesSnmptrapd) {
         ++traps;
         EXPECT_TRUE(vx_wait_for_text(
             trap_log_, "." + std::string(EXAMPLE) + " Enterprise Specific Trap (1)", 10000, traps));
-        EXPECT_TRUE(vx_wait_for_text(trap_log_, "." + level + " = INTEGER: " + r.value, 10000,
-                                     2));
+        EXPECT_TRUE(vx_wait_for_text(trap_log_, "." + level + " = INTEGER: " + r.value, 10000, 2));
         EXPECT_TRUE(vx_wait_for_text(
             trap_log_, ".1.3.6.1.6.3.1.1.4.1.0 = OID: ." + std::string(EXAMPLE) + ".0.1", 10000,
             traps));

@@ -2,7 +2,6 @@
 // packet by packet: the running daemon between a fake master agent on the SMUX port of a
 // private namespace and scripted DPI subagents that answer with bytes written out here.
 #include <gtest/gtest.h>
-
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -111,7 +110,7 @@ void expect_no_sanitizer_report(const std::string& log) {
 }
 
 class ForwardThroughDaemon : public ::testing::Test {
-protected:
+   protected:
     void SetUp() override {
         std::string why;
         if (!vx_enter_private_namespace(VX_TEST_PEERS_TEXT, &why)) {
@@ -163,9 +162,9 @@ protected:
             return ::testing::AssertionFailure() << "no RReq for " << subtree;
         }
         if (m.type != RREQ || m.oid != subtree || m.operation != operation) {
-            return ::testing::AssertionFailure() << "expected RReq " << subtree << " op "
-                                                 << operation << ", got type " << int(m.type)
-                                                 << " " << m.oid << " op " << m.operation;
+            return ::testing::AssertionFailure()
+                   << "expected RReq " << subtree << " op " << operation << ", got type "
+                   << int(m.type) << " " << m.oid << " op " << m.operation;
         }
         if (!vx_send_all(agent_.fd, vx_smux_rrsp(0))) {
             return ::testing::AssertionFailure() << "cannot answer the RReq";
@@ -218,8 +217,8 @@ protected:
         if (out->type != type || out->group != group || out->instance != instance) {
             return ::testing::AssertionFailure()
                    << "expected DPI type " << int(type) << " " << group << " '" << instance
-                   << "', got type " << int(out->type) << " " << out->group << " '"
-                   << out->instance << "'";
+                   << "', got type " << int(out->type) << " " << out->group << " '" << out->instance
+                   << "'";
         }
         return ::testing::AssertionSuccess();
     }
@@ -322,19 +321,18 @@ TEST_F(ForwardThroughDaemon, ResponseErrorCodesFoldIntoSnmpV1Statuses) {
         int32_t status;
     };
     const row rows[] = {
-        {1, 1},  {2, 2},  {3, 3},  {4, 4},  {5, 5},  {6, 2},  {7, 3},
-        {8, 3},  {9, 3},  {10, 3}, {11, 2}, {12, 3}, {13, 5}, {14, 5},
-        {15, 5}, {16, 2}, {17, 2}, {18, 2}, {19, 5}, {101, 5}, {255, 5},
-        {0, 5},  // no error but nothing to answer with
+        {1, 1},  {2, 2},  {3, 3},  {4, 4},   {5, 5},   {6, 2},  {7, 3},  {8, 3},
+        {9, 3},  {10, 3}, {11, 2}, {12, 3},  {13, 5},  {14, 5}, {15, 5}, {16, 2},
+        {17, 2}, {18, 2}, {19, 5}, {101, 5}, {255, 5}, {0, 5},  // no error but nothing to answer
+                                                                // with
     };
     for (const row& r : rows) {
         SCOPED_TRACE("error code " + std::to_string(r.code));
         send_request(GET, {std::string(SUBTREE_A) + ".1.0"}, {});
         vx_dpi_msg q;
         ASSERT_TRUE(expect_dpi(a_, DPI_GET, GROUP_A, "1.0", &q));
-        ASSERT_TRUE(
-            vx_send_all(a_->fd, dpi_response(q.packet_id, static_cast<uint8_t>(r.code),
-                                             r.code != 0 ? 1 : 0, {})));
+        ASSERT_TRUE(vx_send_all(a_->fd, dpi_response(q.packet_id, static_cast<uint8_t>(r.code),
+                                                     r.code != 0 ? 1 : 0, {})));
         vx_smux_msg answer;
         ASSERT_TRUE(read_response(&answer));
         EXPECT_EQ(answer.error_status, r.status);
@@ -381,16 +379,17 @@ TEST_F(ForwardThroughDaemon, SetTravelsAsDpiValueAndOnlyAnAcceptedSetIsCommitted
             ASSERT_TRUE(expect_dpi(a_, DPI_SET, GROUP_A, "7.0", &q));
             EXPECT_EQ(q.value_type, r.dpi_type);
             EXPECT_EQ(vx_to_hex(q.value), vx_to_hex(vx_hex(r.wire)));
-            ASSERT_TRUE(vx_send_all(a_->fd, dpi_response(q.packet_id, static_cast<uint8_t>(r.set_code),
-                                                         r.set_code != 0 ? 1 : 0, {})));
+            ASSERT_TRUE(
+                vx_send_all(a_->fd, dpi_response(q.packet_id, static_cast<uint8_t>(r.set_code),
+                                                 r.set_code != 0 ? 1 : 0, {})));
             if (r.set_code == 0) {
                 vx_dpi_msg c;
                 ASSERT_TRUE(expect_dpi(a_, DPI_COMMIT, GROUP_A, "7.0", &c));
                 EXPECT_EQ(c.value_type, r.dpi_type);
                 EXPECT_EQ(vx_to_hex(c.value), vx_to_hex(vx_hex(r.wire)));
-                ASSERT_TRUE(vx_send_all(a_->fd,
-                                        dpi_response(c.packet_id, static_cast<uint8_t>(r.commit_code),
-                                                     r.commit_code != 0 ? 1 : 0, {})));
+                ASSERT_TRUE(vx_send_all(
+                    a_->fd, dpi_response(c.packet_id, static_cast<uint8_t>(r.commit_code),
+                                         r.commit_code != 0 ? 1 : 0, {})));
             }
         }
         vx_smux_msg answer;
@@ -496,9 +495,9 @@ TEST_F(ForwardThroughDaemon, GetNextRunsFromOneSubtreeIntoTheNext) {
         }
         if (r.b_instance != nullptr) {
             ASSERT_TRUE(expect_dpi(b, DPI_GETNEXT, "1.3.6.1.4.1.2.7.", r.b_instance, &q));
-            ASSERT_TRUE(vx_send_all(
-                b->fd, dpi_response(q.packet_id, 0, 0,
-                                    {dpi_varbind("1.3.6.1.4.1.2.7.", "1.0", T_INTEGER32, be32(3))})));
+            ASSERT_TRUE(vx_send_all(b->fd, dpi_response(q.packet_id, 0, 0,
+                                                        {dpi_varbind("1.3.6.1.4.1.2.7.", "1.0",
+                                                                     T_INTEGER32, be32(3))})));
         }
         vx_smux_msg answer;
         ASSERT_TRUE(read_response(&answer));
@@ -515,12 +514,12 @@ TEST_F(ForwardThroughDaemon, ThreeVarBindsStopAtTheSecondFailure) {
     send_request(GET, {base + ".1.0", base + ".2.0", base + ".3.0"}, {});
     vx_dpi_msg q;
     ASSERT_TRUE(expect_dpi(a_, DPI_GET, GROUP_A, "1.0", &q));
-    ASSERT_TRUE(vx_send_all(a_->fd, dpi_response(q.packet_id, 0, 0,
-                                                 {dpi_varbind(GROUP_A, "1.0", T_DISPLAY,
-                                                              vx_hex("6f6b"))})));
+    ASSERT_TRUE(vx_send_all(
+        a_->fd,
+        dpi_response(q.packet_id, 0, 0, {dpi_varbind(GROUP_A, "1.0", T_DISPLAY, vx_hex("6f6b"))})));
     ASSERT_TRUE(expect_dpi(a_, DPI_GET, GROUP_A, "2.0", &q));
-    ASSERT_TRUE(vx_send_all(a_->fd, dpi_response(q.packet_id, 0, 0,
-                                                 {dpi_varbind(GROUP_A, "2.0", 16, {})})));
+    ASSERT_TRUE(vx_send_all(
+        a_->fd, dpi_response(q.packet_id, 0, 0, {dpi_varbind(GROUP_A, "2.0", 16, {})})));
     vx_smux_msg answer;
     ASSERT_TRUE(read_response(&answer));
     EXPECT_EQ(answer.error_status, 2);
@@ -550,23 +549,55 @@ TEST_F(ForwardThroughDaemon, SubagentTrapsBecomeV1Traps) {
          dpi_trap(20, 6, 17, SUBTREE_A,
                   {dpi_varbind(GROUP_A, "1.0", T_INTEGER32, be32(5)),
                    dpi_varbind(GROUP_A, "2.0", T_DISPLAY, vx_hex("6f6b"))}),
-         true, SUBTREE_A, 6, 17, {o1, o2}, {"02 01 05", "04 02 6f 6b"}},
-        {"no enterprise: the daemon's identity", dpi_trap(21, 1, 0, "", {}), true,
-         VX_TEST_PEER_OID, 1, 0, {}, {}},
+         true,
+         SUBTREE_A,
+         6,
+         17,
+         {o1, o2},
+         {"02 01 05", "04 02 6f 6b"}},
+        {"no enterprise: the daemon's identity",
+         dpi_trap(21, 1, 0, "", {}),
+         true,
+         VX_TEST_PEER_OID,
+         1,
+         0,
+         {},
+         {}},
         {"a Counter64 varBind is left out",
          dpi_trap(22, 6, 1, SUBTREE_A,
                   {dpi_varbind(GROUP_A, "1.0", T_INTEGER32, be32(1)),
                    dpi_varbind(GROUP_A, "3.0", T_COUNTER64, vx_hex("0000000100000002")),
                    dpi_varbind(GROUP_A, "2.0", 136, be32(100))}),
-         true, SUBTREE_A, 6, 1, {o1, o2}, {"02 01 01", "43 01 64"}},
+         true,
+         SUBTREE_A,
+         6,
+         1,
+         {o1, o2},
+         {"02 01 01", "43 01 64"}},
         {"endOfMibView has no SNMPv1 form: nothing is sent",
-         dpi_trap(23, 6, 2, SUBTREE_A, {dpi_varbind(GROUP_A, "1.0", T_END_OF_MIB, {})}), false,
-         "", 0, 0, {}, {}},
+         dpi_trap(23, 6, 2, SUBTREE_A, {dpi_varbind(GROUP_A, "1.0", T_END_OF_MIB, {})}),
+         false,
+         "",
+         0,
+         0,
+         {},
+         {}},
         {"an unknown value type: nothing is sent",
-         dpi_trap(24, 6, 2, SUBTREE_A, {dpi_varbind(GROUP_A, "1.0", 140, be32(1))}), false, "",
-         0, 0, {}, {}},
-        {"an enterprise that is not an OID: nothing is sent", dpi_trap(25, 6, 3, "1.3.6.", {}),
-         false, "", 0, 0, {}, {}},
+         dpi_trap(24, 6, 2, SUBTREE_A, {dpi_varbind(GROUP_A, "1.0", 140, be32(1))}),
+         false,
+         "",
+         0,
+         0,
+         {},
+         {}},
+        {"an enterprise that is not an OID: nothing is sent",
+         dpi_trap(25, 6, 3, "1.3.6.", {}),
+         false,
+         "",
+         0,
+         0,
+         {},
+         {}},
     };
     ASSERT_TRUE(drain_traps());
     for (const row& r : rows) {
@@ -594,8 +625,9 @@ TEST_F(ForwardThroughDaemon, SubagentTrapsBecomeV1Traps) {
     ASSERT_TRUE(vx_send_all(a_->fd, dpi_trap(26, 0, 0, "", {})));
     vx_bytes pdu;
     ASSERT_TRUE(vx_smux_read(&agent_, &pdu, 5000));
-    EXPECT_EQ(vx_to_hex(pdu), vx_to_hex(vx_hex("a4 1c 06 09 2b 06 01 04 01 86 8d 1f 01 40 04 00 00 00 00"
-                                               "02 01 00 02 01 00 43 01 00 30 00")));
+    EXPECT_EQ(vx_to_hex(pdu),
+              vx_to_hex(vx_hex("a4 1c 06 09 2b 06 01 04 01 86 8d 1f 01 40 04 00 00 00 00"
+                               "02 01 00 02 01 00 43 01 00 30 00")));
 }
 
 TEST_F(ForwardThroughDaemon, TrapWhileTheResponseIsAwaitedGoesFirst) {
@@ -604,9 +636,9 @@ TEST_F(ForwardThroughDaemon, TrapWhileTheResponseIsAwaitedGoesFirst) {
     vx_dpi_msg q;
     ASSERT_TRUE(expect_dpi(a_, DPI_GET, GROUP_A, "1.0", &q));
     ASSERT_TRUE(vx_send_all(a_->fd, dpi_trap(30, 6, 9, SUBTREE_A, {})));
-    ASSERT_TRUE(vx_send_all(a_->fd, dpi_response(q.packet_id, 0, 0,
-                                                 {dpi_varbind(GROUP_A, "1.0", T_INTEGER32,
-                                                              be32(11))})));
+    ASSERT_TRUE(vx_send_all(
+        a_->fd,
+        dpi_response(q.packet_id, 0, 0, {dpi_varbind(GROUP_A, "1.0", T_INTEGER32, be32(11))})));
     vx_smux_msg m;
     ASSERT_TRUE(vx_smux_next(&agent_, &m, 5000, true));
     EXPECT_EQ(m.type, TRAP);
@@ -641,23 +673,23 @@ TEST_F(ForwardThroughDaemon, FailedSubagentIsDroppedAndItsDeletesFollowTheGetRes
         vx_dpi_msg q;
         ASSERT_TRUE(expect_dpi(c, DPI_GET, "1.3.6.1.4.1.2.8.", "1.0", &q));
         switch (r.action) {
-        case CLOSES:
-            close(c->fd);
-            c->fd = -1;
-            break;
-        case GARBAGE:
-            ASSERT_TRUE(vx_send_all(c->fd, dpi_packet(q.packet_id, 16, {})));
-            break;
-        case OPEN_PACKET:
-            ASSERT_TRUE(vx_send_all(c->fd, vx_dpi_open(++id, "1.3.6.1.4.1.2.9", "again")));
-            break;
-        case OVERSIZED: {
-            vx_bytes big(4097 + 2, 0);
-            big[0] = 0x10;
-            big[1] = 0x01;
-            ASSERT_TRUE(vx_send_all(c->fd, big));
-            break;
-        }
+            case CLOSES:
+                close(c->fd);
+                c->fd = -1;
+                break;
+            case GARBAGE:
+                ASSERT_TRUE(vx_send_all(c->fd, dpi_packet(q.packet_id, 16, {})));
+                break;
+            case OPEN_PACKET:
+                ASSERT_TRUE(vx_send_all(c->fd, vx_dpi_open(++id, "1.3.6.1.4.1.2.9", "again")));
+                break;
+            case OVERSIZED: {
+                vx_bytes big(4097 + 2, 0);
+                big[0] = 0x10;
+                big[1] = 0x01;
+                ASSERT_TRUE(vx_send_all(c->fd, big));
+                break;
+            }
         }
         // While the agent waits for its answer it must get nothing else.
         vx_smux_msg answer;
@@ -672,9 +704,9 @@ TEST_F(ForwardThroughDaemon, FailedSubagentIsDroppedAndItsDeletesFollowTheGetRes
         // The others are served as before.
         send_request(GET, {std::string(SUBTREE_A) + ".1.0"}, {});
         ASSERT_TRUE(expect_dpi(a_, DPI_GET, GROUP_A, "1.0", &q));
-        ASSERT_TRUE(vx_send_all(a_->fd, dpi_response(q.packet_id, 0, 0,
-                                                     {dpi_varbind(GROUP_A, "1.0", T_INTEGER32,
-                                                                  be32(1))})));
+        ASSERT_TRUE(vx_send_all(
+            a_->fd,
+            dpi_response(q.packet_id, 0, 0, {dpi_varbind(GROUP_A, "1.0", T_INTEGER32, be32(1))})));
         ASSERT_TRUE(read_response(&answer));
         EXPECT_EQ(answer.error_status, 0);
     }
@@ -693,9 +725,9 @@ TEST_F(ForwardThroughDaemon, TrapReadDuringARequestDoesNotStallTheLoop) {
 
     vx_dpi_msg q;
     ASSERT_TRUE(expect_dpi(a_, DPI_GET, GROUP_A, "1.0", &q));
-    ASSERT_TRUE(vx_send_all(a_->fd, dpi_response(q.packet_id, 0, 0,
-                                                 {dpi_varbind(GROUP_A, "1.0", T_INTEGER32,
-                                                              be32(1))})));
+    ASSERT_TRUE(vx_send_all(
+        a_->fd,
+        dpi_response(q.packet_id, 0, 0, {dpi_varbind(GROUP_A, "1.0", T_INTEGER32, be32(1))})));
     vx_smux_msg answer;
     ASSERT_TRUE(read_response(&answer));
     EXPECT_EQ(answer.error_status, 0);

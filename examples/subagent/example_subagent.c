@@ -53,12 +53,12 @@ struct example_object {
 };
 
 static const struct example_object objects[OBJ_COUNT] = {
-    [OBJ_DESCR] = {"1.0", DPI_TYPE_DisplayString, 0},
-    [OBJ_ANSWER] = {"2.0", DPI_TYPE_Integer32, 0},
-    [OBJ_REQUESTS] = {"3.0", DPI_TYPE_Counter32, 0},
-    [OBJ_UPTIME] = {"4.0", DPI_TYPE_TimeTicks, 0},
-    [OBJ_ADDRESS] = {"5.0", DPI_TYPE_IpAddress, 0},
-    [OBJ_LEVEL] = {"6.0", DPI_TYPE_Integer32, 1},
+    [OBJ_DESCR] = {"1.0", DPI_TYPE_DisplayString, 0}, /* exampleDescr */
+    [OBJ_ANSWER] = {"2.0", DPI_TYPE_Integer32, 0},    /* exampleAnswer */
+    [OBJ_REQUESTS] = {"3.0", DPI_TYPE_Counter32, 0},  /* exampleRequests */
+    [OBJ_UPTIME] = {"4.0", DPI_TYPE_TimeTicks, 0},    /* exampleUpTime */
+    [OBJ_ADDRESS] = {"5.0", DPI_TYPE_IpAddress, 0},   /* exampleAddress */
+    [OBJ_LEVEL] = {"6.0", DPI_TYPE_Integer32, 1},     /* exampleLevel */
 };
 
 static const char descr[] = "varnex2 example subagent";
@@ -73,15 +73,13 @@ static struct timespec started;
 
 static volatile sig_atomic_t stop;
 
-static void on_signal(int sig)
-{
+static void on_signal(int sig) {
     (void)sig;
     stop = 1;
 }
 
 /* Numeric order of two dotted OID texts, so that "10.0" sorts after "9.0". */
-static int compare_oid(const char* a, const char* b)
-{
+static int compare_oid(const char* a, const char* b) {
     for (;;) {
         if (*a == '\0' || *b == '\0') {
             return (*a != '\0') - (*b != '\0');
@@ -101,13 +99,11 @@ static int compare_oid(const char* a, const char* b)
     }
 }
 
-static void full_oid(int id, char* out, size_t size)
-{
+static void full_oid(int id, char* out, size_t size) {
     snprintf(out, size, "%s%s", EXAMPLE_GROUP, objects[id].instance);
 }
 
-static int find_object(const char* object_id)
-{
+static int find_object(const char* object_id) {
     char oid[128];
     for (int id = 0; id < OBJ_COUNT; id++) {
         full_oid(id, oid, sizeof oid);
@@ -119,8 +115,7 @@ static int find_object(const char* object_id)
 }
 
 /* The first object after `object_id`; the table is in OID order. */
-static int find_next_object(const char* object_id)
-{
+static int find_next_object(const char* object_id) {
     char oid[128];
     for (int id = 0; id < OBJ_COUNT; id++) {
         full_oid(id, oid, sizeof oid);
@@ -133,41 +128,39 @@ static int find_next_object(const char* object_id)
 
 /* Appends the object's current value to a varBind chain. Integers go in host order: the
  * library turns them into network order on the wire. */
-static dpi_set_packet* add_value(dpi_set_packet* chain, int id)
-{
+static dpi_set_packet* add_value(dpi_set_packet* chain, int id) {
     const struct example_object* o = &objects[id];
     uint32_t word = 0;
     static const unsigned char loopback[4] = {127, 0, 0, 1};
     struct timespec now;
 
     switch (id) {
-    case OBJ_DESCR:
-        return mkDPIset_packet(chain, EXAMPLE_GROUP, o->instance, o->type,
-                               (int)strlen(descr), descr);
-    case OBJ_ADDRESS:
-        return mkDPIset_packet(chain, EXAMPLE_GROUP, o->instance, o->type, 4, loopback);
-    case OBJ_ANSWER:
-        word = 42;
-        break;
-    case OBJ_REQUESTS:
-        word = requests;
-        break;
-    case OBJ_UPTIME:
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        word = (uint32_t)((now.tv_sec - started.tv_sec) * 100 +
-                          (now.tv_nsec - started.tv_nsec) / 10000000);
-        break;
-    case OBJ_LEVEL:
-        word = (uint32_t)level;
-        break;
-    default:
-        return NULL;
+        case OBJ_DESCR:
+            return mkDPIset_packet(chain, EXAMPLE_GROUP, o->instance, o->type, (int)strlen(descr),
+                                   descr);
+        case OBJ_ADDRESS:
+            return mkDPIset_packet(chain, EXAMPLE_GROUP, o->instance, o->type, 4, loopback);
+        case OBJ_ANSWER:
+            word = 42;
+            break;
+        case OBJ_REQUESTS:
+            word = requests;
+            break;
+        case OBJ_UPTIME:
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            word = (uint32_t)((now.tv_sec - started.tv_sec) * 100 +
+                              (now.tv_nsec - started.tv_nsec) / 10000000);
+            break;
+        case OBJ_LEVEL:
+            word = (uint32_t)level;
+            break;
+        default:
+            return NULL;
     }
     return mkDPIset_packet(chain, EXAMPLE_GROUP, o->instance, o->type, 4, &word);
 }
 
-static int send_packet(int handle, const unsigned char* packet)
-{
+static int send_packet(int handle, const unsigned char* packet) {
     if (packet == NULL) {
         return -1;
     }
@@ -175,8 +168,7 @@ static int send_packet(int handle, const unsigned char* packet)
 }
 
 /* Waits for one packet and parses it; null on time-out, a lost connection or garbage. */
-static dpi_hdr* await_packet(int handle, int timeout, int* rc)
-{
+static dpi_hdr* await_packet(int handle, int timeout, int* rc) {
     unsigned char* packet = NULL;
     unsigned long length = 0;
     *rc = DPIawait_packet_from_agent(handle, timeout, &packet, &length);
@@ -188,8 +180,7 @@ static dpi_hdr* await_packet(int handle, int timeout, int* rc)
 
 /* OPEN and REGISTER are the only packets whose answer we wait for; the agent answers each
  * before it sends us anything else. */
-static int expect_ok(int handle, const char* what)
-{
+static int expect_ok(int handle, const char* what) {
     int rc;
     dpi_hdr* answer = await_packet(handle, 10, &rc);
     if (answer == NULL || answer->packet_type != SNMP_DPI_RESPONSE) {
@@ -206,15 +197,13 @@ static int expect_ok(int handle, const char* what)
     return 0;
 }
 
-static dpi_set_packet* answer_get(const dpi_get_packet* get)
-{
+static dpi_set_packet* answer_get(const dpi_get_packet* get) {
     dpi_set_packet* chain = NULL;
     for (; get != NULL; get = get->next) {
         int id = find_object(get->object_id);
-        dpi_set_packet* grown =
-            id >= 0 ? add_value(chain, id)
-                    : mkDPIset_packet(chain, get->group_id, get->instance_id,
-                                      DPI_TYPE_noSuchObject, 0, NULL);
+        dpi_set_packet* grown = id >= 0 ? add_value(chain, id)
+                                        : mkDPIset_packet(chain, get->group_id, get->instance_id,
+                                                          DPI_TYPE_noSuchObject, 0, NULL);
         if (grown == NULL) {
             fDPIset_packet(chain);
             return NULL;
@@ -225,16 +214,14 @@ static dpi_set_packet* answer_get(const dpi_get_packet* get)
 }
 
 /* The daemon lays GETNEXT out as GET; the object is the one to start after. */
-static dpi_set_packet* answer_next(const dpi_next_packet* next)
-{
+static dpi_set_packet* answer_next(const dpi_next_packet* next) {
     dpi_set_packet* chain = NULL;
     for (; next != NULL; next = next->next) {
         int id = find_next_object(next->object_id);
         /* endOfMibView tells the agent to go on in the next subtree. */
-        dpi_set_packet* grown =
-            id >= 0 ? add_value(chain, id)
-                    : mkDPIset_packet(chain, next->group_id, next->instance_id,
-                                      DPI_TYPE_endOfMibView, 0, NULL);
+        dpi_set_packet* grown = id >= 0 ? add_value(chain, id)
+                                        : mkDPIset_packet(chain, next->group_id, next->instance_id,
+                                                          DPI_TYPE_endOfMibView, 0, NULL);
         if (grown == NULL) {
             fDPIset_packet(chain);
             return NULL;
@@ -246,8 +233,7 @@ static dpi_set_packet* answer_next(const dpi_next_packet* next)
 
 /* Checks a SET and remembers it for the COMMIT. Returns a DPI error code and, for an error,
  * the 1-based position of the varBind at fault. */
-static int check_set(const dpi_set_packet* vb, int32_t* index)
-{
+static int check_set(const dpi_set_packet* vb, int32_t* index) {
     have_pending = 0;
     for (*index = 1; vb != NULL; vb = vb->next, (*index)++) {
         int id = find_object(vb->object_id);
@@ -272,53 +258,51 @@ static int check_set(const dpi_set_packet* vb, int32_t* index)
     return DPI_ERROR_noError;
 }
 
-static void send_level_trap(int handle)
-{
+static void send_level_trap(int handle) {
     dpi_set_packet* vb = add_value(NULL, OBJ_LEVEL);
     /* mkDPItrape takes the varBinds over, whatever happens. */
-    const unsigned char* trap = mkDPItrape(DPI_TRAP_enterpriseSpecific,
-                                           EXAMPLE_TRAP_LEVEL_CHANGED, vb, EXAMPLE_ENTERPRISE);
+    const unsigned char* trap =
+        mkDPItrape(DPI_TRAP_enterpriseSpecific, EXAMPLE_TRAP_LEVEL_CHANGED, vb, EXAMPLE_ENTERPRISE);
     if (send_packet(handle, trap) != DPI_RC_OK) {
         fprintf(stderr, "example_subagent: could not send the trap\n");
     }
 }
 
 /* Serves one request from the agent. Returns -1 when the connection is no longer usable. */
-static int serve(int handle, dpi_hdr* request)
-{
+static int serve(int handle, dpi_hdr* request) {
     int32_t error_index = 0;
     int error_code = DPI_ERROR_noError;
     dpi_set_packet* varBinds = NULL;
     int level_changed = 0;
 
     switch (request->packet_type) {
-    case SNMP_DPI_GET:
-        requests++;
-        varBinds = answer_get(request->data);
-        error_code = varBinds != NULL ? DPI_ERROR_noError : DPI_ERROR_genErr;
-        break;
-    case SNMP_DPI_GETNEXT:
-        requests++;
-        varBinds = answer_next(request->data);
-        error_code = varBinds != NULL ? DPI_ERROR_noError : DPI_ERROR_genErr;
-        break;
-    case SNMP_DPI_SET:
-        requests++;
-        error_code = check_set(request->data, &error_index);
-        break;
-    case SNMP_DPI_COMMIT:
-        if (have_pending) {
-            level_changed = pending_level != level;
-            level = pending_level;
+        case SNMP_DPI_GET:
+            requests++;
+            varBinds = answer_get(request->data);
+            error_code = varBinds != NULL ? DPI_ERROR_noError : DPI_ERROR_genErr;
+            break;
+        case SNMP_DPI_GETNEXT:
+            requests++;
+            varBinds = answer_next(request->data);
+            error_code = varBinds != NULL ? DPI_ERROR_noError : DPI_ERROR_genErr;
+            break;
+        case SNMP_DPI_SET:
+            requests++;
+            error_code = check_set(request->data, &error_index);
+            break;
+        case SNMP_DPI_COMMIT:
+            if (have_pending) {
+                level_changed = pending_level != level;
+                level = pending_level;
+                have_pending = 0;
+            }
+            break;
+        case SNMP_DPI_UNDO:
             have_pending = 0;
-        }
-        break;
-    case SNMP_DPI_UNDO:
-        have_pending = 0;
-        break;
-    default:
-        /* Nothing else is a request to us; it gets no answer. */
-        return 0;
+            break;
+        default:
+            /* Nothing else is a request to us; it gets no answer. */
+            return 0;
     }
 
     /* The trap goes out before the RESPONSE: the agent is waiting for this answer and
@@ -335,8 +319,7 @@ static int serve(int handle, dpi_hdr* request)
     return 0;
 }
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     const char* host = "127.0.0.1";
     const char* community = "public";
     int opt;

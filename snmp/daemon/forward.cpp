@@ -53,10 +53,10 @@ static_assert(snmp_to_dpi_table.size() == 8);
 
 // How a DPI value comes back as an SNMP value.
 enum dpi_value_form : uint8_t {
-    FORM_WORD,       // 32-bit host-order number as parsed
-    FORM_BYTES,      // the received bytes
-    FORM_NULL,       // no value
-    FORM_NO_SUCH,    // an exception: the object is not there
+    FORM_WORD,     // 32-bit host-order number as parsed
+    FORM_BYTES,    // the received bytes
+    FORM_NULL,     // no value
+    FORM_NO_SUCH,  // an exception: the object is not there
 };
 struct dpi_to_snmp_row {
     int dpi_type;
@@ -70,11 +70,20 @@ inline constexpr std::array<dpi_to_snmp_row, 12> dpi_to_snmp_table{{
     {.dpi_type = DPI_TYPE_Gauge32, .tag = SNMP_TAG_GAUGE32, .hint = 0, .form = FORM_WORD},
     {.dpi_type = DPI_TYPE_TimeTicks, .tag = SNMP_TAG_TIMETICKS, .hint = 0, .form = FORM_WORD},
     {.dpi_type = DPI_TYPE_IpAddress, .tag = SNMP_TAG_IPADDRESS, .hint = 0, .form = FORM_BYTES},
-    {.dpi_type = DPI_TYPE_DisplayString, .tag = SNMP_TAG_OCTET_STRING, .hint = 1, .form = FORM_BYTES},
-    {.dpi_type = DPI_TYPE_OCTET_STRING, .tag = SNMP_TAG_OCTET_STRING, .hint = 0, .form = FORM_BYTES},
+    {.dpi_type = DPI_TYPE_DisplayString,
+     .tag = SNMP_TAG_OCTET_STRING,
+     .hint = 1,
+     .form = FORM_BYTES},
+    {.dpi_type = DPI_TYPE_OCTET_STRING,
+     .tag = SNMP_TAG_OCTET_STRING,
+     .hint = 0,
+     .form = FORM_BYTES},
     // SNMPv1 has no way to say "this octet string is an OID in text", and the text is what
     // the subagent gave us, so it goes to the manager as it is.
-    {.dpi_type = DPI_TYPE_OBJECT_IDENTIFIER, .tag = SNMP_TAG_OCTET_STRING, .hint = 0, .form = FORM_BYTES},
+    {.dpi_type = DPI_TYPE_OBJECT_IDENTIFIER,
+     .tag = SNMP_TAG_OCTET_STRING,
+     .hint = 0,
+     .form = FORM_BYTES},
     {.dpi_type = DPI_TYPE_NULL, .tag = SNMP_TAG_NULL, .hint = 0, .form = FORM_NULL},
     {.dpi_type = DPI_TYPE_noSuchObject, .tag = 0, .hint = 0, .form = FORM_NO_SUCH},
     {.dpi_type = DPI_TYPE_noSuchInstance, .tag = 0, .hint = 0, .form = FORM_NO_SUCH},
@@ -93,7 +102,8 @@ inline constexpr std::array<uint8_t, 19> dpi_error_table{{
     5, 5, 5,           // resourceUnavailable, commitFailed, undoFailed
     2, 2, 2,           // authorizationError, notWritable, inconsistentName
 }};
-static_assert(dpi_error_table.size() == 19);
+static_assert(dpi_error_table.size() == DPI_ERROR_inconsistentName + 1);
+static_assert(dpi_error_table[DPI_ERROR_notWritable] == FWD_NO_SUCH_NAME);
 
 }  // namespace
 
@@ -137,33 +147,32 @@ static const char* instance_of(const char* oid_text, const char* subtree_text) {
 }
 
 static const unsigned char* mkMIBquery(int type, const char* oid_text, const char* subtree_text,
-                                       int value_type, int value_len,
-                                       const unsigned char* value) {
+                                       int value_type, int value_len, const unsigned char* value) {
     dpi_hdr* query = mkDPIhdr_version(type, 2, 0);
     if (query == nullptr) {
         return nullptr;
     }
     const char* instance = instance_of(oid_text, subtree_text);
     switch (type) {
-    case SNMP_DPI_GET:
-        query->data = mkDPIget_packet(nullptr, subtree_text, instance);
-        break;
-    case SNMP_DPI_GETNEXT:
-        query->data = mkDPInext_packet(nullptr, subtree_text, instance);
-        break;
-    case SNMP_DPI_SET:
-    case SNMP_DPI_COMMIT:
-        query->data = mkDPIset_packet(nullptr, subtree_text, instance, value_type, value_len,
-                                      value);
-        if (query->data == nullptr) {
+        case SNMP_DPI_GET:
+            query->data = mkDPIget_packet(nullptr, subtree_text, instance);
+            break;
+        case SNMP_DPI_GETNEXT:
+            query->data = mkDPInext_packet(nullptr, subtree_text, instance);
+            break;
+        case SNMP_DPI_SET:
+        case SNMP_DPI_COMMIT:
+            query->data =
+                mkDPIset_packet(nullptr, subtree_text, instance, value_type, value_len, value);
+            if (query->data == nullptr) {
+                fDPIparse(query);
+                return nullptr;
+            }
+            break;
+        default:
+            fprintf(stderr, "mkMIBquery: Unknown packet_type: %d\n", type);
             fDPIparse(query);
             return nullptr;
-        }
-        break;
-    default:
-        fprintf(stderr, "mkMIBquery: Unknown packet_type: %d\n", type);
-        fDPIparse(query);
-        return nullptr;
     }
     // A GET or GETNEXT without a body serialises to nothing, which is the failure we want.
     return mkDPIpacket(query);
@@ -227,10 +236,10 @@ static int compare_oid_text(const char* a, const char* b) {
 }
 
 struct rmt_reply {
-    char* oid;              // FWD_TEXT_SIZE bytes
+    char* oid;  // FWD_TEXT_SIZE bytes
     int* type;
     int* len;
-    unsigned char* value;   // FWD_PACKET_SIZE bytes
+    unsigned char* value;  // FWD_PACKET_SIZE bytes
 };
 
 static void copy_reply(const dpi_set_packet* vb, const rmt_reply& reply) {
@@ -287,7 +296,7 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
         if (vb->value_type == DPI_TYPE_Counter64 && type == SNMP_DPI_GET) {
             // SNMPv1 cannot carry a Counter64: to the manager the object is not there.
             code = FWD_NO_SUCH_NAME;
-        } else if (vb->value_type == DPI_TYPE_Counter64 && type == SNMP_DPI_GETNEXT && code == 0) {
+        } else if (vb->value_type == DPI_TYPE_Counter64 && type == SNMP_DPI_GETNEXT) {
             VX_TRACE(TRACE_LVL1, "===>skipping Counter64 varBind");
             const char* next = vb->object_id != nullptr ? vb->object_id : "";
             // Each round must move forward inside the subtree, or a subagent that keeps
@@ -296,15 +305,14 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
                 release_hdr();
                 return FWD_NO_SUCH_NAME;
             }
-            if (compare_oid_text(next, request_oid) <= 0 ||
-                strlen(next) >= sizeof restart_oid) {
+            if (compare_oid_text(next, request_oid) <= 0 || strlen(next) >= sizeof restart_oid) {
                 release_hdr();
                 return FWD_GEN_ERR;
             }
             snprintf(restart_oid, sizeof restart_oid, "%s", next);
             request_oid = restart_oid;
-            packet = mkMIBquery(SNMP_DPI_GETNEXT, restart_oid, subtree_text, value_type,
-                                value_len, value);
+            packet = mkMIBquery(SNMP_DPI_GETNEXT, restart_oid, subtree_text, value_type, value_len,
+                                value);
             release_hdr();
             continue;
         }
@@ -392,17 +400,17 @@ static int fill_varBind(int type, int len, const unsigned char* bytes, const cha
 int remote_mib_req(uint8_t type, snmp_varBind* vb, registration_entry* entry, int first) {
     int dpi_type = 0;
     switch (type) {
-    case SNMP_PDU_GET:
-        dpi_type = SNMP_DPI_GET;
-        break;
-    case SNMP_PDU_GETNEXT:
-        dpi_type = SNMP_DPI_GETNEXT;
-        break;
-    case SNMP_PDU_SET:
-        dpi_type = SNMP_DPI_SET;
-        break;
-    default:
-        return FWD_GEN_ERR;
+        case SNMP_PDU_GET:
+            dpi_type = SNMP_DPI_GET;
+            break;
+        case SNMP_PDU_GETNEXT:
+            dpi_type = SNMP_DPI_GETNEXT;
+            break;
+        case SNMP_PDU_SET:
+            dpi_type = SNMP_DPI_SET;
+            break;
+        default:
+            return FWD_GEN_ERR;
     }
 
     static char oid_text[FWD_TEXT_SIZE];
@@ -523,9 +531,9 @@ void process_dpi_trapv1(int generic, int specific, const char* enterprise,
             VX_TRACE(TRACE_LVL1, "===>skip Counter64 varBind\n");
             continue;
         }
-        status = fill_varBind(p->value_type, p->value_len, p->value,
-                              p->object_id != nullptr ? p->object_id : "",
-                              &trap->varBinds[converted]);
+        status =
+            fill_varBind(p->value_type, p->value_len, p->value,
+                         p->object_id != nullptr ? p->object_id : "", &trap->varBinds[converted]);
         if (status != 0) {
             break;
         }
