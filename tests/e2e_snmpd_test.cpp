@@ -288,6 +288,17 @@ TEST_F(EndToEnd, ExampleSubagentAnswersGetGetNextAndWalks) {
             EXPECT_EQ(oids_in(out), r.oids) << out;
         }
     }
+
+    // SIGTERM: the example closes its session and exits; its subtree is withdrawn.
+    int accepted = vx_count_in_file(trap_log_, ACCEPTED_TRAP);
+    ASSERT_TRUE(vx_signal(&example_, SIGTERM));
+    ASSERT_TRUE(vx_wait_exit(&example_, 5000));
+    EXPECT_TRUE(WIFEXITED(example_.status) && WEXITSTATUS(example_.status) == 0);
+    EXPECT_EQ(vx_count_in_file(example_.log_path, "example_subagent: closed"), 1);
+    ASSERT_TRUE(wait_withdrawn(accepted));
+    std::string out;
+    EXPECT_EQ(tool(args("snmpwalk", "-v2c", "public", {e}), &out), 0);
+    EXPECT_NE(out.find(" = No Such Object"), std::string::npos) << out;
 }
 
 TEST_F(EndToEnd, SetIsCommittedAndItsTrapReachesSnmptrapd) {
