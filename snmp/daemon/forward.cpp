@@ -320,14 +320,10 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
         break;
     }
 
-    if (type != SNMP_DPI_SET) {
-        release_hdr();
-        return map_error_code(static_cast<unsigned>(code));
-    }
     release_hdr();
-    // A SET the subagent refused ends here: nothing was changed, so there is nothing to
+    // A SET the subagent refused ends here too: nothing was changed, so there is nothing to
     // commit or undo.
-    if (code != 0) {
+    if (type != SNMP_DPI_SET || code != 0) {
         return map_error_code(static_cast<unsigned>(code));
     }
 
