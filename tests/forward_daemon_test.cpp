@@ -338,6 +338,13 @@ TEST_F(ForwardThroughDaemon, ResponseErrorCodesFoldIntoSnmpV1Statuses) {
         EXPECT_EQ(answer.error_status, r.status);
         EXPECT_EQ(answer.error_index, 1);
     }
+    // Codes that change are traced, as signed bytes; codes that keep their number are not.
+    const std::string log = daemon_.log_path;
+    EXPECT_EQ(vx_count_in_file(log, "converting error_code 17 to noSuchName\n"), 1);
+    EXPECT_EQ(vx_count_in_file(log, "converting error_code 10 to badValue\n"), 1);
+    EXPECT_EQ(vx_count_in_file(log, "converting error_code -1 to genErr\n"), 1);
+    EXPECT_EQ(vx_count_in_file(log, "converting error_code 101 to genErr\n"), 1);
+    EXPECT_EQ(vx_count_in_file(log, "converting error_code 5 "), 0);
     // Errors are answers, not failures: the subagent still serves.
     send_request(GET, {std::string(SUBTREE_A) + ".1.0"}, {});
     vx_dpi_msg q;
