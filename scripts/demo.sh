@@ -42,8 +42,16 @@ EOF
   echo "all build and demo dependencies are present"
 
   heading "Building varnex2 and the example subagent into ${build#"$root"/}/"
-  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-  cmake --build "$build" --target varnex2 example_subagent -j "$(nproc)" 2>&1 | tail -n 3
+  build_log=$(mktemp)
+  if ! { cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo &&
+         cmake --build "$build" --target varnex2 example_subagent -j "$(nproc)"; } >"$build_log" 2>&1; then
+    cat "$build_log" >&2
+    rm -f "$build_log"
+    echo "demo.sh: the build failed (output above)" >&2
+    exit 1
+  fi
+  grep -E '^\[100%\] Built target' "$build_log" || true
+  rm -f "$build_log"
 
   # A bind mount needs a target. If this machine has no peers file, an empty one is made
   # for the duration of the demo and removed afterwards.
