@@ -3,7 +3,8 @@
 if(TARGET dpisa)
   find_package(Threads REQUIRED)
   add_executable(dpi_connection_test ${CMAKE_CURRENT_SOURCE_DIR}/dpi_connection_test.cpp)
-  target_link_libraries(dpi_connection_test PRIVATE dpisa GTest::gtest_main Threads::Threads)
+  target_link_libraries(dpi_connection_test PRIVATE dpisa vx_testsupport GTest::gtest_main
+                                                    Threads::Threads)
   # Cases that wait out the library's fixed time-outs (up to 18 s) run as one labelled test,
   # so that `ctest -LE slow` stays quick.
   gtest_discover_tests(dpi_connection_test TEST_FILTER "-*.Slow*")
