@@ -92,9 +92,11 @@ std::string flatten(const Slot& s) {
 }
 
 // Re-encodes the message held in `s`. Elements grow by at most three times on the way
-// (an empty IpAddress becomes six bytes), so the storage can never be too small.
+// (an empty IpAddress becomes six bytes), and the trap encoder asks for five octets of room
+// per enterprise sub-identifier, each of which took at least one input octet; six times the
+// input plus a margin is therefore always enough.
 std::vector<uint8_t> encode(Slot& s, size_t input_size) {
-    std::vector<uint8_t> storage(input_size * 3 + 64);
+    std::vector<uint8_t> storage(input_size * 6 + 64);
     snmp_buffer buf{storage.data(), static_cast<uint32_t>(storage.size()), nullptr, 0};
     if (snmp_encode_message(&buf, &s.msg) != SNMP_CODEC_OK) {
         abort();
