@@ -1,6 +1,6 @@
 # Tests of the SNMP library's codec: BER primitives, SNMPv1 PDUs and messages, SMUX PDUs.
 if(TARGET snmpkit)
-  foreach(t snmp_asn1_test snmp_ed_test smux_ed_test)
+  foreach(t snmp_asn1_test snmp_ed_test)
     if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${t}.cpp)
       continue()
     endif()
