@@ -6,7 +6,3 @@ target_include_directories(vx_testsupport PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/sup
 if(TARGET varnex2)
   target_compile_definitions(vx_testsupport PRIVATE VARNEX2_PATH="$<TARGET_FILE:varnex2>")
 endif()
-
-add_executable(support_test ${CMAKE_CURRENT_SOURCE_DIR}/support/support_test.cpp)
-target_link_libraries(support_test PRIVATE vx_testsupport GTest::gtest_main)
-gtest_discover_tests(support_test)

@@ -1,7 +1,7 @@
 #pragma once
-// The daemon's two kinds of peers for the main module's tests, on top of the shared fake
-// peers: a master agent on the SMUX port 127.0.0.1:199 whose reads tell the end of the
-// stream from silence, and a daemon started against it up to its first registration.
+// The daemon's peers for its own tests, on top of the shared fake peers: a master agent on
+// the SMUX port 127.0.0.1:199 whose reads tell the end of the stream from silence, a daemon
+// started against it up to its first registration, and the checks the tests share.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,17 +13,16 @@ using bytes = vx_bytes;
 
 bytes cat(std::initializer_list<bytes> parts);
 
-// ---- SMUX PDUs, written out by hand ---------------------------------------------------------
+// ---- SMUX PDUs, written out by hand with minimal lengths ------------------------------------
 
 bytes smux_open(const std::string& identity, const std::string& description,
                 const std::string& password);
 bytes smux_rreq(const std::string& subtree, int operation);  // priority -1
-bytes smux_rrsp(int code);                                   // minimal length
 struct test_binding {
     std::string name;
     bytes value;  // a whole value element; empty for NULL
 };
-// Get/GetNext/GetResponse/Set with the given status, index and bindings, short lengths.
+// Get/GetNext/GetResponse/Set with the given status, index and bindings.
 bytes snmp_pdu_bytes(uint8_t tag, int request_id, int status, int index,
                      const std::vector<test_binding>& bindings);
 bytes smux_trap(const std::string& enterprise, int generic, int specific);
@@ -31,45 +30,34 @@ bytes smux_trap(const std::string& enterprise, int generic, int specific);
 inline constexpr const char* DPI_PORT_OBJECT = "1.3.6.1.4.1.2.2.1.1.1";
 inline constexpr const char* DPI_PORT_INSTANCE = "1.3.6.1.4.1.2.2.1.1.1.0";
 
-// ---- the master agent -----------------------------------------------------------------------
+// ---- a daemon with its agent ----------------------------------------------------------------
 
 enum peer_read { PEER_OK = 0, PEER_TIMEOUT = 1, PEER_EOF = 2 };
-
-struct fake_agent {
-    int listen_fd = -1;
-    int conn_fd = -1;
-    int traps_seen = 0;  // Trap PDUs passed over by fake_agent_next
-};
-
-[[nodiscard]] bool fake_agent_listen(fake_agent* agent);
-void fake_agent_stop_listening(fake_agent* agent);
-// Takes the next connection in place of the present one.
-[[nodiscard]] bool fake_agent_accept(fake_agent* agent, int timeout_ms);
-void fake_agent_hang_up(fake_agent* agent);
-[[nodiscard]] bool fake_agent_send(fake_agent* agent, const bytes& b);
-// One whole BER element from the connection, nothing more.
-[[nodiscard]] peer_read fake_agent_read(fake_agent* agent, bytes* pdu, int timeout_ms);
-// As fake_agent_read, but Trap PDUs are counted and passed over.
-[[nodiscard]] peer_read fake_agent_next(fake_agent* agent, bytes* pdu, int timeout_ms);
-
-// ---- DPI subagents --------------------------------------------------------------------------
-
-// One framed packet, length field included.
-[[nodiscard]] peer_read dpi_read(int fd, bytes* packet, int timeout_ms);
-// A version-2 packet of any type: length, protocol 2, version 2, release 0, number, type.
-bytes dpi_packet(uint16_t id, uint8_t type, const bytes& body);
-
-// ---- a daemon with its agent ----------------------------------------------------------------
 
 // Stops the daemon when it goes, fails the test on a sanitizer report in the daemon's log,
 // and shows the log when the test failed.
 struct daemon_session {
-    fake_agent agent;
+    int listen_fd = -1;  // the agent's SMUX port
+    vx_stream agent;     // the daemon's present connection to it
     vx_process daemon;
     std::string banner;  // read from the daemon's start line
     int dpi_port = 0;    // read from its "DPI  fd: %d port: %d" trace
     ~daemon_session();
 };
+
+// Fails the test when the log holds a sanitizer report: the daemon reports into its own
+// output, and the test would only see it go.
+void expect_clean_log(const std::string& path);
+
+[[nodiscard]] bool agent_listen(daemon_session* s);
+void agent_stop_listening(daemon_session* s);
+// Takes the next connection in place of the present one.
+[[nodiscard]] bool agent_accept(daemon_session* s, int timeout_ms);
+void agent_hang_up(daemon_session* s);
+[[nodiscard]] bool agent_send(daemon_session* s, const bytes& b);
+// One whole PDU from the daemon; agent_next passes Trap PDUs over.
+[[nodiscard]] peer_read agent_read(daemon_session* s, bytes* pdu, int timeout_ms);
+[[nodiscard]] peer_read agent_next(daemon_session* s, bytes* pdu, int timeout_ms);
 
 // Listens as the agent (unless already listening), starts the daemon with `args` ("-d 32"
 // when they have no -d), and goes on as attach_session. Failures are reported through gtest
@@ -84,17 +72,37 @@ struct daemon_session {
 [[nodiscard]] bool attach_session(daemon_session* s, int timeout_ms, bool answer_port_rreq,
                                   const char* identity = VX_TEST_PEER_OID,
                                   const char* password = VX_TEST_PEER_PASSWORD);
-// Accepts a new connection after the last one was lost and checks its OpenPDU.
-[[nodiscard]] bool accept_reopen(daemon_session* s, int timeout_ms, const char* identity,
-                                 const char* password);
+// After the session was lost: wakes the daemon with a connection to its DPI listener, so
+// that it tries the agent again at once rather than at its next 5-second retry, then
+// accepts the new connection and checks its OpenPDU.
+[[nodiscard]] bool accept_reopen(daemon_session* s, const char* identity = VX_TEST_PEER_OID,
+                                 const char* password = VX_TEST_PEER_PASSWORD);
 
 std::string daemon_log(const daemon_session* s);
 
+// The next PDU other than a Trap is `expected`; nothing comes; the daemon ends the stream.
+void expect_next(daemon_session* s, const bytes& expected, int timeout_ms = 5000);
+void expect_silence(daemon_session* s, int ms);
+void expect_hang_up(daemon_session* s);
+
+// ---- DPI subagents ---------------------------------------------------------------------------
+
+// A subagent connected to the daemon's DPI port, fd -1 on failure.
+vx_stream subagent(const daemon_session* s);
+// Sends REGISTER for `group` (with its final dot) and expects RESPONSE 0 and, when
+// `announced`, the agent to get the RReq.
+void register_subagent(daemon_session* s, vx_stream* sa, const std::string& group, uint16_t id,
+                       bool announced = true);
+// The subagent is still served: an ARE_YOU_THERE gets its answer.
+void expect_served(vx_stream* sa, uint16_t id);
+// The next packet on the subagent's connection is exactly `expected`.
+void expect_dpi(vx_stream* sa, const bytes& expected);
+
 // Skips the test with the reason when the private namespaces cannot be had.
-#define ENTER_NAMESPACE_OR_SKIP(peers_text)                             \
-    do {                                                                \
-        std::string why_not_;                                           \
-        if (!vx_enter_private_namespace((peers_text), &why_not_)) {     \
-            GTEST_SKIP() << why_not_;                                   \
-        }                                                               \
+#define ENTER_NAMESPACE_OR_SKIP(peers_text)                         \
+    do {                                                            \
+        std::string why_not_;                                       \
+        if (!vx_enter_private_namespace((peers_text), &why_not_)) { \
+            GTEST_SKIP() << why_not_;                               \
+        }                                                           \
     } while (0)

@@ -1,7 +1,6 @@
 // The daemon against the real master agent (snmpd with SMUX), in a private namespace:
 // the DPI port object and subagents' subtrees as a manager sees them through snmpget.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <atomic>
@@ -10,19 +9,11 @@
 #include <string>
 #include <thread>
 
-#include "vx_peers.h"
-#include "vx_testsupport.h"
+#include "daemon_peers.h"
 
 namespace {
 
-// In sanitizer builds the daemon reports to its own log and the test would only see it die.
-void expect_no_sanitizer_report(const std::string& log) {
-    std::string text = vx_read_file(log);
-    EXPECT_EQ(text.find("Sanitizer"), std::string::npos);
-    EXPECT_EQ(text.find("runtime error:"), std::string::npos);
-}
-
-constexpr const char* PORT_INSTANCE = "1.3.6.1.4.1.2.2.1.1.1.0";
+constexpr const char* PORT_INSTANCE = DPI_PORT_INSTANCE;
 constexpr uint8_t DPI_GET = 1;
 constexpr uint8_t DPI_GETNEXT = 2;
 constexpr uint8_t DPI_INTEGER32 = 129;
@@ -51,8 +42,9 @@ void serve(served_subagent* s) {
         uint32_t u = static_cast<uint32_t>(s->value);
         vx_bytes be = {static_cast<uint8_t>(u >> 24), static_cast<uint8_t>(u >> 16),
                        static_cast<uint8_t>(u >> 8), static_cast<uint8_t>(u)};
-        vx_bytes answer = first ? vx_dpi_response(q.packet_id, 0, s->group, "1.0", DPI_INTEGER32, be)
-                                : vx_dpi_response(q.packet_id, DPI_NO_SUCH_NAME);
+        vx_bytes answer = first
+                              ? vx_dpi_response(q.packet_id, 0, s->group, "1.0", DPI_INTEGER32, be)
+                              : vx_dpi_response(q.packet_id, DPI_NO_SUCH_NAME);
         if (!vx_send_all(s->stream.fd, answer)) {
             break;
         }
@@ -60,7 +52,7 @@ void serve(served_subagent* s) {
 }
 
 class DaemonWithSnmpd : public ::testing::Test {
-protected:
+   protected:
     void SetUp() override {
         std::string why;
         if (!vx_enter_private_namespace(VX_TEST_PEERS_TEXT, &why)) {
@@ -81,7 +73,7 @@ protected:
         }
         vx_stop(&daemon_);
         vx_stop_snmpd(&agent_);
-        expect_no_sanitizer_report(daemon_.log_path);
+        expect_clean_log(daemon_.log_path);
         if (HasFailure()) {
             printf("---- daemon ----\n%s\n---- snmpd ----\n%s\n",
                    vx_read_file(daemon_.log_path).c_str(),
@@ -172,9 +164,9 @@ TEST_F(DaemonWithSnmpd, SubtreesComeBackAfterTheAgentRestarts) {
     // The daemon retries at least every 5 seconds; the subagent does nothing meanwhile.
     EXPECT_TRUE(vx_wait_until([&] { return get("1.3.6.1.4.1.2.6.1.1.0", &out) == 0; }, 8000))
         << out;
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                  std::chrono::steady_clock::now() - t0)
-                  .count();
+    auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0)
+            .count();
     printf("subtree served again %lld ms after snmpd restarted\n", static_cast<long long>(ms));
     EXPECT_EQ(integer_in(out), 77) << out;
     EXPECT_GT(sa->requests, before);

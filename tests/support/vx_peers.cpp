@@ -513,7 +513,7 @@ static void put_text(vx_bytes* b, const std::string& s) {
     b->push_back(0);
 }
 
-static vx_bytes dpi_frame(uint16_t packet_id, uint8_t type, const vx_bytes& body) {
+vx_bytes vx_dpi_packet(uint16_t packet_id, uint8_t type, const vx_bytes& body) {
     vx_bytes p;
     put16(&p, static_cast<unsigned>(6 + body.size()));
     p.push_back(2);
@@ -534,7 +534,7 @@ vx_bytes vx_dpi_open(uint16_t packet_id, const std::string& identity,
     put_text(&body, identity);
     put_text(&body, description);
     put16(&body, 0);  // no password
-    return dpi_frame(packet_id, 8, body);
+    return vx_dpi_packet(packet_id, 8, body);
 }
 
 vx_bytes vx_dpi_register(uint16_t packet_id, const std::string& group, int32_t priority,
@@ -545,11 +545,11 @@ vx_bytes vx_dpi_register(uint16_t packet_id, const std::string& group, int32_t p
     body.push_back(0);
     body.push_back(0);
     put_text(&body, group);
-    return dpi_frame(packet_id, 6, body);
+    return vx_dpi_packet(packet_id, 6, body);
 }
 
 vx_bytes vx_dpi_simple(uint16_t packet_id, uint8_t type) {
-    return dpi_frame(packet_id, type, {});
+    return vx_dpi_packet(packet_id, type, {});
 }
 
 vx_bytes vx_dpi_response(uint16_t packet_id, uint8_t error_code, const std::string& group,
@@ -563,7 +563,7 @@ vx_bytes vx_dpi_response(uint16_t packet_id, uint8_t error_code, const std::stri
         put16(&body, static_cast<unsigned>(value.size()));
         body.insert(body.end(), value.begin(), value.end());
     }
-    return dpi_frame(packet_id, 5, body);
+    return vx_dpi_packet(packet_id, 5, body);
 }
 
 bool vx_dpi_read(vx_stream* stream, vx_bytes* packet, int timeout_ms) {

@@ -85,7 +85,9 @@ vx_bytes vx_smux_request(uint8_t type, int32_t request_id, const std::vector<std
 
 // ---- DPI ----------------------------------------------------------------------------------
 
-// Framed DPI 2.0 packets (2-byte length first).
+// Framed DPI 2.0 packets (2-byte length first): any type with the body as given, and the
+// usual ones.
+vx_bytes vx_dpi_packet(uint16_t packet_id, uint8_t type, const vx_bytes& body);
 vx_bytes vx_dpi_open(uint16_t packet_id, const std::string& identity,
                      const std::string& description);
 vx_bytes vx_dpi_register(uint16_t packet_id, const std::string& group, int32_t priority = -1,
