@@ -8,6 +8,7 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "snmpmDPI.h"
 #include "vx_peers.h"
@@ -171,90 +172,69 @@ void check_truncations(const vx_bytes& bytes, bool all_refused = false) {
 }
 
 TEST(DpiBuild, PacketVectors) {
-    const std::string d255 = vx_to_hex(vx_bytes(255, 'd'));
+    // Each packet is copied out of the library's buffer as soon as it is made.
     const struct {
         const char* name;
-        unsigned char* (*build)();
-        std::string hex;  // without the length field; version-2 packet number as 0000; "": fails
+        vx_bytes got;
+        std::string hex;  // without the length field; version-2 packet number as 0000
     } rows[] = {
-        {"close", [] { return mkDPIclose(2); }, "020200 0000 09 02"},
-        {"are you there", [] { return mkDPIayt(); }, "020200 0000 0f"},
+        {"close", bytes_of(mkDPIclose(2)), "020200 0000 09 02"},
+        {"are you there", bytes_of(mkDPIayt()), "020200 0000 0f"},
         {"get, group with dot and instance",
-         [] {
-             return request(SNMP_DPI_GET, 2, 0, mkDPIget_packet(nullptr, "1.3.6.1.2.1.1.", "1.0"));
-         },
+         bytes_of(request(SNMP_DPI_GET, 2, 0, mkDPIget_packet(nullptr, "1.3.6.1.2.1.1.", "1.0"))),
          "020200 0000 01 0000 312e332e362e312e322e312e312e00 312e3000"},
         {"get, group without dot is written as it is",
-         [] { return request(SNMP_DPI_GET, 2, 0, mkDPIget_packet(nullptr, "1.3", nullptr)); },
+         bytes_of(request(SNMP_DPI_GET, 2, 0, mkDPIget_packet(nullptr, "1.3", nullptr))),
          "020200 0000 01 0000 312e3300 00"},
-        {"get without a record", [] { return request(SNMP_DPI_GET, 2, 0, nullptr); }, ""},
-        {"getbulk", [] { return request(SNMP_DPI_GETBULK, 2, 0, nullptr); }, ""},
-        {"unknown type", [] { return request(16, 2, 0, nullptr); }, ""},
-        {"set, group without final dot",
-         [] {
-             return request(SNMP_DPI_SET, 2, 0,
-                            mkDPIset_packet(nullptr, "1.3", "1", DPI_TYPE_OCTET_STRING, 0, ""));
-         },
-         ""},
         {"version-1 set: object identifier text, IpAddress as 133",
-         [] {
-             dpi_set_packet* vbs =
-                 mkDPIset_packet(nullptr, "1.3.", "4", DPI_TYPE_IpAddress, 4, "\x0a\x00\x00\x01");
-             return request(SNMP_DPI_SET, 1, 0,
-                            mkDPIset_packet(vbs, "1.3.", nullptr, DPI_TYPE_OCTET_STRING, 1, "x"));
-         },
+         bytes_of(request(SNMP_DPI_SET, 1, 0,
+                          mkDPIset_packet(mkDPIset_packet(nullptr, "1.3.", "4", DPI_TYPE_IpAddress,
+                                                          4, "\x0a\x00\x00\x01"),
+                                          "1.3.", nullptr, DPI_TYPE_OCTET_STRING, 1, "x"))),
          "020100 03 312e332e3400 850004 0a000001 312e3300 020001 78"},
-        {"register", [] { return mkDPIreg(5, -1, "1.3.6.", 1, 0); },
+        {"register", bytes_of(mkDPIreg(5, -1, "1.3.6.", 1, 0)),
          "020200 0000 06 ffffffff 0005 00 01 312e332e362e00"},
-        {"register, group without final dot", [] { return mkDPIreg(5, 0, "1.3.6", 0, 0); }, ""},
-        {"register, priority -2", [] { return mkDPIreg(5, -2, "1.3.", 0, 0); }, ""},
-        {"register, bulk selection 2", [] { return mkDPIreg(5, 0, "1.3.", 2, 0); }, ""},
-        {"unregister", [] { return mkDPIureg(3, "1.3."); }, "020200 0000 07 03 312e332e00"},
+        {"unregister", bytes_of(mkDPIureg(3, "1.3.")), "020200 0000 07 03 312e332e00"},
         {"open, empty description, no password",
-         [] { return mkDPIopen("1.3.6.1.4.1.2", "", 10, 20, 1, 0, nullptr); },
+         bytes_of(mkDPIopen("1.3.6.1.4.1.2", "", 10, 20, 1, 0, nullptr)),
          "020200 0000 08 000a 0014 01 312e332e362e312e342e312e3200 00 0000"},
         {"open with password",
-         [] {
-             return mkDPIopen("1.3", "d", 1, 2, 0, 3,
-                              reinterpret_cast<const unsigned char*>("p\0!"));
-         },
+         bytes_of(
+             mkDPIopen("1.3", "d", 1, 2, 0, 3, reinterpret_cast<const unsigned char*>("p\0!"))),
          "020200 0000 08 0001 0002 00 312e3300 6400 0003 700021"},
         {"open, description of 255",
-         [] { return mkDPIopen("1.3", std::string(255, 'd').c_str(), 0, 0, 0, 0, nullptr); },
-         "020200 0000 08 0000 0000 00 312e3300" + d255 + "00 0000"},
-        {"open, description of 256",
-         [] { return mkDPIopen("1.3", std::string(256, 'd').c_str(), 0, 0, 0, 0, nullptr); }, ""},
-        {"open, identifier outside the tree",
-         [] { return mkDPIopen("5.3", "d", 0, 0, 0, 0, nullptr); }, ""},
-        {"open, character set 2", [] { return mkDPIopen("1.3", "d", 1, 2, 2, 0, nullptr); }, ""},
-        {"open, timeout 65536", [] { return mkDPIopen("1.3", "d", 65536, 2, 0, 0, nullptr); }, ""},
-        {"open without identifier", [] { return mkDPIopen(nullptr, "d", 1, 2, 0, 0, nullptr); },
-         ""},
+         bytes_of(mkDPIopen("1.3", std::string(255, 'd').c_str(), 0, 0, 0, 0, nullptr)),
+         "020200 0000 08 0000 0000 00 312e3300" + vx_to_hex(vx_bytes(255, 'd')) + "00 0000"},
         {"enterprise trap with varBind",
-         [] { return mkDPItrape(6, 70000, vb32(nullptr, "1", 136, 9), "1.3.6.1.4.1.2"); },
+         bytes_of(mkDPItrape(6, 70000, vb32(nullptr, "1", 136, 9), "1.3.6.1.4.1.2")),
          "020200 0000 04 00000006 00011170 312e332e362e312e342e312e3200 312e332e00 3100 880004"
          "00000009"},
-        {"generic trap", [] { return mkDPItrape(0, 0, nullptr, nullptr); },
+        {"generic trap", bytes_of(mkDPItrape(0, 0, nullptr, nullptr)),
          "020200 0000 04 00000000 00000000 00"},
-        {"generic 3, specific 1", [] { return mkDPItrape(3, 1, nullptr, nullptr); }, ""},
-        {"generic 7", [] { return mkDPItrape(7, 0, nullptr, nullptr); }, ""},
-        {"generic -1", [] { return mkDPItrape(-1, 0, nullptr, nullptr); }, ""},
-        {"enterprise with final dot",
-         [] { return mkDPItrape(6, 1, vb32(nullptr, "1", 129, 1), "1.3."); }, ""},
     };
-    for (const auto& row : rows) {
+    for (auto row : rows) {
         SCOPED_TRACE(row.name);
-        vx_bytes got = bytes_of(row.build());
-        if (row.hex.empty()) {
-            EXPECT_EQ(got, vx_bytes{});
-            continue;
+        if (row.got.size() > 6 && row.got[3] == 2) {
+            row.got[5] = row.got[6] = 0;  // the packet number depends on what ran before
         }
-        ASSERT_FALSE(got.empty());
-        if (got.size() > 6 && got[3] == 2) {
-            got[5] = got[6] = 0;  // the packet number depends on what ran before
-        }
-        EXPECT_EQ(vx_to_hex(got), vx_to_hex(framed(row.hex)));
+        EXPECT_EQ(vx_to_hex(row.got), vx_to_hex(framed(row.hex)));
     }
+    EXPECT_EQ(request(SNMP_DPI_GET, 2, 0, nullptr), nullptr);
+    EXPECT_EQ(request(SNMP_DPI_GETBULK, 2, 0, nullptr), nullptr);
+    EXPECT_EQ(request(16, 2, 0, nullptr), nullptr);
+    EXPECT_EQ(request(SNMP_DPI_SET, 2, 0, mkDPIset_packet(nullptr, "1.3", "1", 2, 0, "")), nullptr);
+    EXPECT_EQ(mkDPIreg(5, 0, "1.3.6", 0, 0), nullptr);
+    EXPECT_EQ(mkDPIreg(5, -2, "1.3.", 0, 0), nullptr);
+    EXPECT_EQ(mkDPIreg(5, 0, "1.3.", 2, 0), nullptr);
+    EXPECT_EQ(mkDPIopen("1.3", std::string(256, 'd').c_str(), 0, 0, 0, 0, nullptr), nullptr);
+    EXPECT_EQ(mkDPIopen("5.3", "d", 0, 0, 0, 0, nullptr), nullptr);
+    EXPECT_EQ(mkDPIopen("1.3", "d", 1, 2, 2, 0, nullptr), nullptr);
+    EXPECT_EQ(mkDPIopen("1.3", "d", 65536, 2, 0, 0, nullptr), nullptr);
+    EXPECT_EQ(mkDPIopen(nullptr, "d", 1, 2, 0, 0, nullptr), nullptr);
+    EXPECT_EQ(mkDPItrape(3, 1, nullptr, nullptr), nullptr);
+    EXPECT_EQ(mkDPItrape(7, 0, nullptr, nullptr), nullptr);
+    EXPECT_EQ(mkDPItrape(-1, 0, nullptr, nullptr), nullptr);
+    EXPECT_EQ(mkDPItrape(6, 1, vb32(nullptr, "1", 129, 1), "1.3."), nullptr);
 }
 
 TEST(DpiBuild, IdentifierValidation) {
@@ -315,38 +295,34 @@ TEST(DpiBuild, RecordIdentifiersAndChains) {
 
 TEST(DpiBuild, SetValueLengthsByType) {
     static const struct {
-        int type, len;
-        bool written;
+        int type;
+        std::vector<int> written, refused;
     } rows[] = {
-        {DPI_TYPE_NsapAddress, 1, true},
-        {DPI_TYPE_NsapAddress, 2, false},
-        {DPI_TYPE_NsapAddress, 3, false},
-        {DPI_TYPE_NsapAddress, 4, true},
-        {DPI_TYPE_NsapAddress, 21, true},
-        {DPI_TYPE_NsapAddress, 22, false},
-        {DPI_TYPE_NsapAddress, 0, false},
-        {DPI_TYPE_NULL, 0, true},
-        {DPI_TYPE_NULL, 4, true},
-        {DPI_TYPE_NULL, 5, false},
-        {DPI_TYPE_endOfMibView, 0, true},
-        {DPI_TYPE_Integer32, 3, false},
-        {DPI_TYPE_Integer32, 0, false},
-        {DPI_TYPE_IpAddress, 5, false},
-        {DPI_TYPE_Counter64, 4, false},
-        {DPI_TYPE_Counter64, 0, false},
-        {DPI_TYPE_OCTET_STRING, 0, true},
-        {DPI_TYPE_Opaque, 300, true},
-        {DPI_TYPE_OBJECT_IDENTIFIER, 1, true},
-        {DPI_TYPE_OBJECT_IDENTIFIER, 0, false},
+        {DPI_TYPE_NsapAddress, {1, 4, 21}, {0, 2, 3, 22}},
+        {DPI_TYPE_NULL, {0, 4}, {5}},
+        {DPI_TYPE_endOfMibView, {0}, {}},
+        {DPI_TYPE_Integer32, {}, {0, 3}},
+        {DPI_TYPE_IpAddress, {}, {5}},
+        {DPI_TYPE_Counter64, {}, {0, 4}},
+        {DPI_TYPE_OCTET_STRING, {0}, {}},
+        {DPI_TYPE_Opaque, {300}, {}},
+        {DPI_TYPE_OBJECT_IDENTIFIER, {1}, {0}},
     };
     const unsigned char value[300] = {};
+    auto size = [&](int type, int len) {
+        dpi_set_packet* vb = mkDPIset_packet(nullptr, "1.3.", "1", type, len, value);
+        EXPECT_NE(vb, nullptr);
+        return bytes_of(request(SNMP_DPI_SET, 2, 0, vb)).size();
+    };
     for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.type) + "/" + std::to_string(row.len));
-        dpi_set_packet* vb = mkDPIset_packet(nullptr, "1.3.", "1", row.type, row.len, value);
-        ASSERT_NE(vb, nullptr);
+        SCOPED_TRACE(row.type);
         // Header 8, extra length 2, "1.3.\0" 5, "1\0" 2, type and length 3.
-        size_t want = row.written ? 20u + static_cast<unsigned>(row.len) : 0;
-        EXPECT_EQ(bytes_of(request(SNMP_DPI_SET, 2, 0, vb)).size(), want);
+        for (int len : row.written) {
+            EXPECT_EQ(size(row.type, len), 20u + static_cast<unsigned>(len)) << len;
+        }
+        for (int len : row.refused) {
+            EXPECT_EQ(size(row.type, len), 0u) << len;
+        }
     }
 }
 
@@ -542,7 +518,6 @@ TEST(DpiParse, RefusedVectors) {
         {"getbulk", "020200 0001 0c 0000 312e00 00"},
         {"trapv2", "020200 0001 0d 00000000 00000000 00"},
         {"inform", "020200 0001 0e 00"},
-        {"type 0", "020200 0001 00 00"},
         {"type 16", "020200 0001 10 00"},
         {"get, empty group", "020200 0005 01 0000 00 00"},
         {"get, nothing after extra", "020200 0006 01 0000"},
@@ -553,20 +528,12 @@ TEST(DpiParse, RefusedVectors) {
         {"set, Integer32 of no bytes", "020200 000b 03 0000 312e332e00 00 810000"},
         {"set, Counter64 of no bytes", "020200 000b 03 0000 312e332e00 00 0d0000"},
         {"set, Counter64 of 4 bytes", "020200 000d 03 0000 312e332e00 00 0d0004 00000001"},
-        {"set, value longer than body", "020200 000e 03 0000 312e332e00 00 020005 6162"},
         {"set, value length 32768", "020200 000f 03 0000 312e332e00 00 028000 6162"},
-        {"set, value type and length cut", "020200 0010 03 0000 312e332e00 00 0200"},
         {"commit, second varBind bad", "020200 0014 0a 0000 312e332e00 3100 040000 312e00"},
         {"trap, 7 bytes", "020200 0013 04 00000006 000000"},
         {"response cut in the error index", "020200 0012 05 00 000000"},
-        {"register without group", "020200 0014 06 00000001 0002 00 00"},
-        {"register, 5 bytes", "020200 0014 06 00000001 00"},
-        {"unregister without group", "020200 0015 07 03"},
         {"open, empty description", "020200 0016 08 000a 0014 01 312e3300 00 0000"},
         {"open, empty identifier", "020200 0016 08 000a 0014 01 00 6400 0000"},
-        {"open, 4 bytes", "020200 0016 08 000a 0014"},
-        {"open, password cut", "020200 0016 08 000a 0014 01 312e3300 6400 0005 7077"},
-        {"open, no password length", "020200 0016 08 000a 0014 01 312e3300 6400"},
         {"version-1 getnext, empty object", "020100 02 00 312e00"},
         {"version-1 getnext, empty group", "020100 02 312e3300 00"},
     };
@@ -580,7 +547,8 @@ TEST(DpiParse, RefusedVectors) {
     for (const char* hex : {"0004 020200 00 01", "0003 020100 09", "0000", "8006 020200 0001 0f"}) {
         EXPECT_EQ(parse_exact(vx_hex(hex)), nullptr) << hex;
     }
-    // Packets whose every field is needed: any cut must be refused.
+    // Packets whose every field is needed: any cut must be refused (a value, a text or a
+    // password longer than what is left, a number cut short).
     for (const char* hex :
          {"020200 0009 03 0000 312e332e00 3100 810004 ffffff85",
           "020200 0016 08 000a 0014 01 312e3300 6400 0003 707721", "020200 0015 07 03 312e332e00",
