@@ -1,5 +1,5 @@
-// Containers: size rule, reuse and growth in place, OID text, ordering, copying and the
-// small helpers that live beside them.
+// Containers: size rule, reuse and growth in place, OID text, ordering, copying, the small
+// helpers that live beside them, and the printable forms of values and addresses.
 #include "snmp_container.h"
 
 #include <gtest/gtest.h>
@@ -7,11 +7,14 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "snmp_util.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define VX_UNDER_ASAN 1
@@ -22,6 +25,8 @@
 #endif
 
 namespace {
+
+using namespace std::string_literals;
 
 struct ContainerFree {
     void operator()(snmp_container* c) const {
@@ -43,6 +48,11 @@ std::string text_of(const snmp_container* c) {
 
 std::string bytes(const void* p, size_t n) {
     return std::string(static_cast<const char*>(p), n);
+}
+
+// A 32-bit value as stored, in the machine's byte order.
+std::string word(uint32_t v) {
+    return bytes(&v, 4);
 }
 
 // Replaces the held container by what an operation returned, the way callers must.
@@ -186,43 +196,37 @@ TEST(SnmpContainer, OidToTextRoundTrip) {
 // Replacing the value of an INTEGER 7 (or of an OID) container, and creating a container
 // from the same input: storage kind, length, bytes, and whether the block stayed.
 TEST(SnmpContainer, ReplaceValue) {
-    char twenty[21] = "ABCDEFGHIJKLMNOPQRST";
+    constexpr uint8_t S32 = SNMP_NATIVE_S32, U32 = SNMP_NATIVE_U32, U64 = SNMP_NATIVE_U64,
+                      OCT = SNMP_NATIVE_OCTETS, OID = SNMP_NATIVE_OID, NUL = SNMP_NATIVE_NULL;
+    const char* twenty = "ABCDEFGHIJKLMNOPQRST";
     const int32_t seven = 7;
     const int16_t minus129 = -129;
-    const uint32_t words[2] = {1, 2}, u_minus1 = 0xFFFFFFFFu, u_255 = 255, u_ff7f = 0xFF7F,
-                   u_minus129 = static_cast<uint32_t>(-129);
+    const uint32_t words[2] = {1, 2};
+    const std::string zero8(8, '\0');
     struct Row {
         const char* name;
-        const char* start_oid;  // null: start from INTEGER 7
         const void* value;
         uint32_t len;
-        uint8_t tag;
-        bool same_block;
-        uint8_t kind;
+        uint8_t tag, kind;
         uint32_t length;
         std::string stored;  // leading value bytes
+        bool same_block = true;
+        const char* start_oid = nullptr;  // null: start from INTEGER 7
     } rows[] = {
-        {"oid to INTEGER 7", "1.3.6.1.2.1.1.1.0.5", &seven, 4, 0x02, true, SNMP_NATIVE_S32, 1,
-         bytes(&seven, 4)},
-        {"1 octet", nullptr, "x", 1, 0x04, true, SNMP_NATIVE_OCTETS, 1, "x"},
-        {"20 octets move", nullptr, twenty, 20, 0x44, false, SNMP_NATIVE_OCTETS, 20, twenty},
-        {"empty octets", nullptr, "", 0, 0x04, true, SNMP_NATIVE_OCTETS, 0, bytes("", 1)},
-        {"oid text", nullptr, "1.3.6.1.4", 0, 0x06, false, SNMP_NATIVE_OID, 5, ""},
-        {"INTEGER 0xFF is -1", nullptr, "\xFF", 1, 0x02, true, SNMP_NATIVE_S32, 1,
-         bytes(&u_minus1, 4)},
-        {"Gauge32 0xFF is 255", nullptr, "\xFF", 1, 0x42, true, SNMP_NATIVE_U32, 1,
-         bytes(&u_255, 4)},
-        {"INTEGER of 2 bytes", nullptr, &minus129, 2, 0x02, true, SNMP_NATIVE_S32, 1,
-         bytes(&u_minus129, 4)},
-        {"TimeTicks of 2 bytes", nullptr, &minus129, 2, 0x43, true, SNMP_NATIVE_U32, 1,
-         bytes(&u_ff7f, 4)},
-        {"IpAddress keeps octet order", nullptr, "\x0a\0\0\x01", 4, 0x40, true, SNMP_NATIVE_U32, 1,
-         bytes("\x0a\0\0\x01", 4)},
-        {"Counter64", nullptr, words, 8, 0x46, true, SNMP_NATIVE_U64, 1, bytes(words, 8)},
-        {"NULL ignores length", "1.3.6.1.2.1", twenty, 20, 0x05, true, SNMP_NATIVE_NULL, 1,
-         std::string(8, '\0')},
-        {"endOfMibView", nullptr, nullptr, 0, 0x82, true, SNMP_NATIVE_NULL, 1,
-         std::string(8, '\0')},
+        {"oid to INTEGER 7", &seven, 4, 0x02, S32, 1, word(7), true, "1.3.6.1.2.1.1.1.0.5"},
+        {"1 octet", "x", 1, 0x04, OCT, 1, "x"},
+        {"20 octets move", twenty, 20, 0x44, OCT, 20, twenty, false},
+        {"empty octets", "", 0, 0x04, OCT, 0, std::string(1, '\0')},
+        {"oid text", "1.3.6.1.4", 0, 0x06, OID, 5, word(1) + word(3) + word(6) + word(1) + word(4),
+         false},
+        {"INTEGER 0xFF is -1", "\xFF", 1, 0x02, S32, 1, word(0xFFFFFFFFu)},
+        {"Gauge32 0xFF is 255", "\xFF", 1, 0x42, U32, 1, word(255)},
+        {"INTEGER of 2 bytes", &minus129, 2, 0x02, S32, 1, word(static_cast<uint32_t>(-129))},
+        {"TimeTicks of 2 bytes", &minus129, 2, 0x43, U32, 1, word(0xFF7F)},
+        {"IpAddress keeps octet order", "\x0a\0\0\x01", 4, 0x40, U32, 1, "\x0a\0\0\x01"s},
+        {"Counter64", words, 8, 0x46, U64, 1, word(1) + word(2)},
+        {"NULL ignores length", twenty, 20, 0x05, NUL, 1, zero8, true, "1.3.6.1.2.1"},
+        {"endOfMibView", nullptr, 0, 0x82, NUL, 1, zero8},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -242,8 +246,6 @@ TEST(SnmpContainer, ReplaceValue) {
             EXPECT_EQ(bytes(snmp_container_const_octets(got), row.stored.size()), row.stored);
         }
     }
-    EXPECT_EQ(text_of(Owned(snmp_create_value_container("1.3.6.1.4", 0, 0x06, 0)).get()),
-              "1.3.6.1.4");
 
     // Refused input leaves the container exactly as it was, and a fresh container from the
     // same input is refused without a leak.
@@ -401,7 +403,7 @@ TEST(SnmpContainer, OutOfMemoryLeavesTheContainerUsable) {
 #endif
 }
 
-TEST(SnmpContainer, NvtAsciiNativeCopyAndAddresses) {
+TEST(SnmpContainer, NvtAsciiAndNativeCopy) {
     struct Nvt {
         std::string bytes;
         int expected;
@@ -427,23 +429,109 @@ TEST(SnmpContainer, NvtAsciiNativeCopyAndAddresses) {
     ASSERT_NE(copy, nullptr);
     EXPECT_EQ(copy[0], 0);
     std::free(copy);
+}
 
-    const snmp_net_addr tcp{SNMP_DOMAIN_TCP, {{127, 0, 0, 1}}, {0, 161}};
-    snmp_net_addr udp = tcp, port = tcp, ip = tcp, fd7{SNMP_DOMAIN_UNIX_FD, {}, {1, 2}},
-                  odd{42, {}, {}};
-    udp.domain = SNMP_DOMAIN_UDP;
+TEST(SnmpUtil, ValueForms) {
+    std::string binary, binary_hex = "'";
+    for (int i = 0; i < 300; ++i) {
+        binary += static_cast<char>(i * 7);
+        char pair[3];
+        std::snprintf(pair, sizeof pair, "%2.2x", static_cast<uint8_t>(i * 7));
+        binary_hex += pair;
+    }
+    binary_hex += "'h";
+    const std::string c64 = word(1) + word(2), max = word(0xFFFFFFFFu);
+    struct Row {
+        const char* name;
+        std::string bytes;  // OID text for 0x06
+        uint8_t tag, hint;
+        int32_t flag;
+        std::string expected;
+    } rows[] = {
+        {"RowStatus 1", word(1), 0x02, 8, 0, "active (1)"},
+        {"RowStatus 9", word(9), 0x02, 8, 0, "unknown/other (9)"},
+        {"RowStatus plain", word(6), 0x02, 8, 1, "6"},
+        {"TruthValue 1", word(1), 0x02, 4, 0, "true (1)"},
+        {"TruthValue 1 plain", word(1), 0x02, 4, 1, "1"},
+        {"TruthValue 3", word(3), 0x02, 4, 0, "unknown/other (3)"},
+        {"TruthValue -1", max, 0x02, 4, 0, "unknown/other (-1)"},
+        {"StorageType 4", word(4), 0x02, 23, 0, "permanent (4)"},
+        {"TimeTicks 123456", word(123456), 0x43, 0, 0, "123456 - 20 minutes, 34.56 seconds"},
+        {"TimeTicks 0", word(0), 0x43, 0, 0, "0 - 0.00 seconds"},
+        {"TimeTicks 360000", word(360000), 0x43, 0, 0, "360000 - 1 hours, 0 minutes, 0.00 seconds"},
+        {"TimeTicks 360000 plain", word(360000), 0x43, 0, 1, "360000"},
+        {"TimeTicks 8640000", word(8640000), 0x43, 0, 0,
+         "8640000 - 1 days, 0 hours, 0 minutes, 0.00 seconds"},
+        {"TimeTicks max", max, 0x43, 0, 0,
+         "4294967295 - 497 days, 2 hours, 27 minutes, 52.95 seconds"},
+        {"INTEGER as time", word(6000), 0x02, 9, 0, "6000 - 1 minutes, 0.00 seconds"},
+        {"signed interval plain", word(0xFFFFFFFBu), 0x02, 10, 1, "-5"},
+        {"IpAddress", "\x0A\x00\x00\x01"s, 0x40, 0, 0, "10.0.0.1"},
+        {"Gauge32 max", max, 0x42, 0, 0, "4294967295"},
+        {"INTEGER -1", max, 0x02, 0, 0, "-1"},
+        {"Counter64", c64, 0x46, 0, 0, "1.2"},
+        {"text", "abc", 0x04, 0, 0, "abc"},
+        {"inner NUL", "a\0b"s, 0x04, 0, 0, "'610062'h"},
+        {"trailing NUL", "abc\0"s, 0x04, 1, 0, "abc"},
+        {"CR LF is text", "a\r\nb", 0x04, 0, 0, "a\r\nb"},
+        {"high octet", "a\x80", 0x44, 0, 0, "'6180'h"},
+        {"empty octets", "", 0x04, 0, 0, ""},
+        {"long binary", binary, 0x04, 1, 0, binary_hex},
+        {"MAC", "\x00\x0D\x60\x1F\x2A\x3B"s, 0x04, 3, 0, "00:0d:60:1f:2a:3b"},
+        {"PhysAddress of one", "\xAB", 0x04, 2, 0, "ab"},
+        {"PhysAddress empty", "", 0x04, 2, 0, ""},
+        {"DateAndTime with zone", "\x07\xD6\x04\x0D\x09\x1E\x31\x00\x2B\x02\x00"s, 0x04, 11, 0,
+         "2006-4-13,9:30:49.0,UTC+2:0"},
+        {"DateAndTime local", "\x07\xD6\x04\x0D\x09\x1E\x31\x05", 0x04, 11, 0,
+         "2006-4-13,9:30:49.5"},
+        {"DateAndTime short", "\x07\xD6\x04", 0x04, 11, 0, "2006-4-0,0:0:0.0"},
+        {"noSuchInstance", "", 0x81, 0, 0, "noSuchInstance"},
+        {"noSuchObject", "", 0x80, 0, 0, "noSuchObject"},
+        {"endOfMibView", "", 0x82, 0, 0, "endOfMibView"},
+        {"NULL", "", 0x05, 0, 0, ""},
+        {"OID", "1.3.6.1.4.1.2.2.1.1.1.0", 0x06, 0, 0, "1.3.6.1.4.1.2.2.1.1.1.0"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        snmp_container* c = snmp_create_value_container(
+            row.bytes.c_str(), static_cast<uint32_t>(row.bytes.size()), row.tag, row.hint);
+        ASSERT_NE(c, nullptr);
+        char* out = snmp_value_to_string_format(c, row.flag);
+        ASSERT_NE(out, nullptr);
+        EXPECT_EQ(std::string(out), row.expected);
+        std::free(out);
+        snmp_free_container(c);
+    }
+    EXPECT_EQ(snmp_value_to_string_format(nullptr, 0), nullptr);
+    snmp_container* odd = snmp_create_container(1, 1);
+    EXPECT_EQ(snmp_value_to_string_format(odd, 0), nullptr);
+    snmp_free_container(odd);
+}
+
+// Comparison and printable form of transport addresses.
+TEST(SnmpUtil, NetAddresses) {
+    const snmp_net_addr tcp{SNMP_DOMAIN_TCP, {{127, 0, 0, 1}}, {0x00, 0xA1}};
+    snmp_net_addr udp{SNMP_DOMAIN_UDP, {{192, 168, 255, 254}}, {0xFF, 0xFF}},
+        tcp_udp = tcp, port = tcp, ip = tcp, fd{SNMP_DOMAIN_UNIX_FD, {}, {1, 2}}, odd{2, {}, {}};
+    tcp_udp.domain = SNMP_DOMAIN_UDP;
     port.port[1] = 162;
     ip.address.ip[3] = 2;
-    fd7.address.fd = 7;
-    snmp_net_addr fd7b = fd7;
-    fd7b.port[0] = 9;  // ports mean nothing for descriptors
+    fd.address.fd = -3;
+    snmp_net_addr fd_b = fd;
+    fd_b.port[0] = 9;  // ports mean nothing for descriptors
     EXPECT_EQ(snmp_compare_net_addr(&tcp, &tcp), 0);
-    EXPECT_EQ(snmp_compare_net_addr(&tcp, &udp), -1);
+    EXPECT_EQ(snmp_compare_net_addr(&tcp, &tcp_udp), -1);
     EXPECT_EQ(snmp_compare_net_addr(&tcp, &port), -1);
     EXPECT_EQ(snmp_compare_net_addr(&tcp, &ip), -1);
-    EXPECT_EQ(snmp_compare_net_addr(&fd7, &fd7b), 0);
+    EXPECT_EQ(snmp_compare_net_addr(&fd, &fd_b), 0);
     EXPECT_EQ(snmp_compare_net_addr(&odd, &odd), -2);
     EXPECT_EQ(snmp_compare_net_addr(&tcp, nullptr), -1);
+
+    EXPECT_STREQ(snmp_net_addr_to_string(nullptr), "Null ptr");
+    EXPECT_STREQ(snmp_net_addr_to_string(&tcp), "TCP 127.0.0.1 port 161");
+    EXPECT_STREQ(snmp_net_addr_to_string(&udp), "UDP 192.168.255.254 port 65535");
+    EXPECT_STREQ(snmp_net_addr_to_string(&fd), "UNIX file descriptor -3.");
+    EXPECT_STREQ(snmp_net_addr_to_string(&odd), "Unknown domain");
 }
 
 }  // namespace
