@@ -213,8 +213,6 @@ TEST(Smux, DecodeVectors) {
              "FF FF FF 30 0A 30 08 06 03 2B 06 01 43 01 07"),
          0, "A4 1.3.6.1.4.1.99999 10.0.0.2 6/-1 t4294967295 [1.3.6.1=43:7]"},
         {"Close 0", hex("41 01 00"), 0, "41 0"},
-        {"Close 5", hex("41 01 05"), 0, "41 5"},
-        {"SOut commit", hex("44 01 00"), 0, "44 0"},
         {"SOut rollback", hex("44 01 01"), 0, "44 1"},
         {"RRsp -1", hex("43 01 FF"), 0, "43 -1"},
         {"RRsp -1 in four octets", hex("43 04 FF FF FF FF"), 0, "43 -1", false},
