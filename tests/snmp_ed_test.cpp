@@ -65,11 +65,12 @@ std::string oid_text(const snmp_container* c) {
 }
 
 // Tag and value: OIDs dotted, octets and addresses in hex, words as their storage kind
-// reads them, so an INTEGER stored unsigned shows.
+// reads them, so an INTEGER stored unsigned shows; a display hint, which nothing on the wire
+// sets, only when one was left behind.
 std::string value_text(const snmp_container* c) {
     char buf[8];
     std::snprintf(buf, sizeof buf, "%02X:", c->tag);
-    std::string out = buf;
+    std::string out = c->hint != 0 ? "hint " + std::to_string(c->hint) + " " + buf : buf;
     if (c->native == SNMP_NATIVE_OID) {
         return out + oid_text(c);
     }
@@ -287,14 +288,15 @@ TEST(Smux, DecodeVectors) {
 
 // Decoding into the static record again keeps its containers, resizes them only when
 // needed and changes a value's kind in place (ASan reports any block lost on the way); the
-// request handler answers in place, turning the decoded Get into the GetResponse.
+// request handler answers in place, turning the decoded Get into the GetResponse, and the
+// display hint of its answer must not survive into the next request.
 TEST(Smux, RecyclesTheRecord) {
     smux_pdu* got = nullptr;
     ASSERT_EQ(decode(hex(kAgentGet), &got), SNMP_CODEC_OK);
     smux_pdu* const record = got;
     int32_t answer = 42;
     got->snmp->varBinds[0].value =
-        snmp_replace_container_value(got->snmp->varBinds[0].value, &answer, 4, 0x02, 0);
+        snmp_replace_container_value(got->snmp->varBinds[0].value, &answer, 4, 0x02, 9);
     got->type = 0xA2;  // the record's type is the one written
     Bytes out;
     ASSERT_EQ(encode(got, &out), SNMP_CODEC_OK);
