@@ -90,15 +90,7 @@ bool vx_signal(vx_process* proc, int sig);
 // error together end up in `output` (may be null).
 int vx_run(const std::vector<std::string>& argv, std::string* output, int timeout_ms = 10000);
 
-// ---- ports and files ----------------------------------------------------------------------
-
-// Whether a TCP socket listens on 127.0.0.1 (or any address) at `port`. Looks at
-// /proc/net/tcp rather than connecting: snmpd blocks on a SMUX connection that never sends
-// its OpenPDU, so a probing connect would freeze the agent under test.
-[[nodiscard]] bool vx_tcp_listening(int port);
-[[nodiscard]] bool vx_udp_bound(int port);
-[[nodiscard]] bool vx_wait_tcp_listen(int port, int timeout_ms);
-[[nodiscard]] bool vx_wait_udp_bound(int port, int timeout_ms);
+// ---- files and waiting ---------------------------------------------------------------------
 
 // Polls `cond` every 20 ms until it holds or `timeout_ms` passed; returns its last value.
 [[nodiscard]] bool vx_wait_until(const std::function<bool()>& cond, int timeout_ms);
