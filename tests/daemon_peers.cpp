@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -53,12 +52,6 @@ bytes smux_trap(const std::string& enterprise, int generic, int specific) {
 
 // ---- the agent ------------------------------------------------------------------------------
 
-static long now_ms(void) {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
-}
-
 bool agent_listen(daemon_session* s) {
     s->listen_fd = vx_tcp_listen(VX_SMUX_PORT);
     return s->listen_fd >= 0;
@@ -107,13 +100,10 @@ peer_read agent_read(daemon_session* s, bytes* pdu, int timeout_ms) {
 }
 
 peer_read agent_next(daemon_session* s, bytes* pdu, int timeout_ms) {
-    long deadline = now_ms() + timeout_ms;
-    for (;;) {
-        peer_read r = agent_read(s, pdu, static_cast<int>(std::max(0L, deadline - now_ms())));
-        if (r != PEER_OK || (*pdu)[0] != 0xa4) {
-            return r;
-        }
+    peer_read r;
+    while ((r = agent_read(s, pdu, timeout_ms)) == PEER_OK && (*pdu)[0] == 0xa4) {
     }
+    return r;
 }
 
 void expect_next(daemon_session* s, const bytes& expected, int timeout_ms) {

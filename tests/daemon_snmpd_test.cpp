@@ -1,11 +1,13 @@
 // The daemon against the real master agent (snmpd with SMUX), in a private namespace:
-// the DPI port object and subagents' subtrees as a manager sees them through snmpget.
+// subagents' subtrees as a manager sees them through snmpget, across an agent restart and
+// while two subagents share a subtree.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <deque>
 #include <string>
 #include <thread>
 
@@ -67,9 +69,8 @@ class DaemonWithSnmpd : public ::testing::Test {
     }
 
     void TearDown() override {
-        for (served_subagent* s : subagents_) {
-            stop(s);
-            delete s;
+        for (served_subagent& s : subagents_) {
+            stop(&s);
         }
         vx_stop(&daemon_);
         vx_stop_snmpd(&agent_);
@@ -98,8 +99,7 @@ class DaemonWithSnmpd : public ::testing::Test {
     }
 
     served_subagent* start_subagent(const std::string& group, int32_t value) {
-        auto* s = new served_subagent;
-        subagents_.push_back(s);
+        served_subagent* s = &subagents_.emplace_back();
         s->group = group;
         s->value = value;
         s->stream = vx_dpi_connect_open(port_, "1.3.6.1.4.1.2.6");
@@ -125,29 +125,8 @@ class DaemonWithSnmpd : public ::testing::Test {
     vx_snmpd agent_;
     vx_process daemon_;
     int32_t port_ = 0;
-    std::vector<served_subagent*> subagents_;
+    std::deque<served_subagent> subagents_;  // deque: handed-out pointers stay valid
 };
-
-TEST_F(DaemonWithSnmpd, ManagerReadsTheDpiPort) {
-    std::string out;
-    EXPECT_EQ(get(PORT_INSTANCE, &out), 0) << out;
-    EXPECT_NE(out.find(".1.3.6.1.4.1.2.2.1.1.1.0 = INTEGER: " + std::to_string(port_)),
-              std::string::npos)
-        << out;
-    EXPECT_EQ(get("1.3.6.1.4.1.2.2", &out, "snmpgetnext"), 0) << out;
-    EXPECT_NE(out.find(".1.3.6.1.4.1.2.2.1.1.1.0 = INTEGER: " + std::to_string(port_)),
-              std::string::npos)
-        << out;
-    // It is the port a subagent can open a session on.
-    vx_stream sa = vx_dpi_connect_open(port_, "1.3.6.1.4.1.2.6");
-    EXPECT_GE(sa.fd, 0);
-    if (sa.fd >= 0) {
-        close(sa.fd);
-    }
-    // Read-only: snmpd passes the Set on and reports the daemon's refusal.
-    EXPECT_NE(vx_snmp_tool("snmpset", "private", {PORT_INSTANCE, "i", "1"}, &out), 0) << out;
-    EXPECT_EQ(get(PORT_INSTANCE, &out), 0) << out;
-}
 
 TEST_F(DaemonWithSnmpd, SubtreesComeBackAfterTheAgentRestarts) {
     const std::string log = agent_.dir + "/snmpd.log";
@@ -160,14 +139,9 @@ TEST_F(DaemonWithSnmpd, SubtreesComeBackAfterTheAgentRestarts) {
 
     std::string why;
     ASSERT_TRUE(vx_restart_snmpd(&agent_, &why)) << why;
-    auto t0 = std::chrono::steady_clock::now();
     // The daemon retries at least every 5 seconds; the subagent does nothing meanwhile.
     EXPECT_TRUE(vx_wait_until([&] { return get("1.3.6.1.4.1.2.6.1.1.0", &out) == 0; }, 8000))
         << out;
-    auto ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0)
-            .count();
-    printf("subtree served again %lld ms after snmpd restarted\n", static_cast<long long>(ms));
     EXPECT_EQ(integer_in(out), 77) << out;
     EXPECT_GT(sa->requests, before);
     EXPECT_EQ(get(PORT_INSTANCE, &out), 0) << out;

@@ -4,16 +4,8 @@
 // Every such test runs inside private network and mount namespaces of its own, so that the
 // SMUX port 127.0.0.1:199, the SNMP port 161 and "/etc/snmpd.peers" belong to that test alone
 // and suites can run in parallel. CTest runs each TEST in its own process
-// (gtest_discover_tests), so a test simply calls vx_enter_private_namespace() first:
-//
-//     std::string why;
-//     if (!vx_enter_private_namespace(VX_TEST_PEERS_TEXT, &why)) {
-//         GTEST_SKIP() << why;
-//     }
-//     vx_snmpd agent;
-//     ASSERT_TRUE(vx_start_snmpd(&agent, {"-Dsmux"}, &why)) << why;
-//     vx_process daemon;
-//     ASSERT_TRUE(vx_start_varnex2(&daemon, {"-d", "224"}, nullptr, &why)) << why;
+// (gtest_discover_tests), so a test simply calls vx_enter_private_namespace() first and
+// skips with the reason it gives when that fails.
 //
 // Processes started here are killed when the test process exits (and when the next
 // vx_enter_private_namespace() is called in the same process), so a failed ASSERT never
