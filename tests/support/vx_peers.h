@@ -58,7 +58,7 @@ struct vx_smux_msg {
     int32_t request_id = 0;   // Get/GetNext/GetResponse/Set
     int32_t error_status = 0;
     int32_t error_index = 0;
-    int32_t generic = -1;     // Trap
+    int32_t generic = -1;  // Trap
     int32_t specific = -1;
     std::vector<std::string> vb_names;
     std::vector<vx_bytes> vb_values;  // whole value elements (tag, length, contents)
