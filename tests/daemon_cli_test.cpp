@@ -25,27 +25,11 @@ bool banner_has_its_form(const std::string& banner) {
            banner.size() == fixed.size() + 23;
 }
 
-struct run_result {
-    int status;
-    std::string output;
-};
-
-run_result run_daemon(const std::vector<std::string>& args) {
+// Runs the daemon to its end: its exit status, and its output in `out`.
+int run_daemon(const std::vector<std::string>& args, std::string* out) {
     std::vector<std::string> argv{vx_varnex2_path()};
     argv.insert(argv.end(), args.begin(), args.end());
-    run_result r;
-    r.status = vx_run(argv, &r.output, 5000);
-    return r;
-}
-
-// The daemon's banner, as its usage message shows it.
-std::string banner_of_daemon() {
-    run_result r = run_daemon({"-x"});
-    std::string out = r.output;
-    while (!out.empty() && out.back() == '\n') {
-        out.pop_back();
-    }
-    return out.substr(out.rfind('\n') + 1);
+    return vx_run(argv, out, 5000);
 }
 
 // Lines written by the DPI library's debug switch are its own business; only which level
@@ -85,7 +69,11 @@ class DaemonCommandLine : public ::testing::Test {
 // Arguments the daemon refuses end it before it connects anywhere, so no namespace is
 // needed: each "-d" block is printed as it is taken, then the usage message.
 TEST_F(DaemonCommandLine, OptionsThenUsageError) {
-    const std::string banner = banner_of_daemon();
+    // The banner as the usage message shows it: after an empty line, on the last line.
+    std::string out;
+    ASSERT_EQ(run_daemon({"-x"}, &out), 1);
+    const std::string banner =
+        out.substr(out.rfind("\n\n") + 2, out.size() - out.rfind("\n\n") - 3);
     ASSERT_TRUE(banner_has_its_form(banner)) << banner;
     const std::string path = vx_varnex2_path();
     const std::string usage = "usage:  " + path + " [-d [level]]\n\n" + banner + "\n";
@@ -129,10 +117,9 @@ TEST_F(DaemonCommandLine, OptionsThenUsageError) {
     };
     for (const row& r : rows) {
         SCOPED_TRACE(r.name);
-        run_result got = run_daemon(r.args);
-        EXPECT_EQ(got.status, 1);
-        std::string levels;
-        EXPECT_EQ(without_dpi_library_lines(got.output, &levels), r.output);
+        std::string got, levels;
+        EXPECT_EQ(run_daemon(r.args, &got), 1);
+        EXPECT_EQ(without_dpi_library_lines(got, &levels), r.output);
         EXPECT_EQ(levels, r.dpi_levels);
     }
 }
@@ -147,9 +134,9 @@ TEST_F(DaemonCommandLine, LibrarySwitchesReadOnlyForLowBits) {
     } rows[] = {{"1", true}, {"2", true}, {"4", true}, {"8", false}, {"224", false}, {"7", true}};
     for (const row& r : rows) {
         SCOPED_TRACE(r.level);
-        run_result got = run_daemon({"-d", r.level, "-x"});
-        EXPECT_EQ(got.status, 1);
-        EXPECT_EQ(got.output.find("AGENTKIT") != std::string::npos, r.reads) << got.output;
+        std::string got;
+        EXPECT_EQ(run_daemon({"-d", r.level, "-x"}, &got), 1);
+        EXPECT_EQ(got.find("AGENTKIT") != std::string::npos, r.reads) << got;
     }
 }
 

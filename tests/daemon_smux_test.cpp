@@ -239,9 +239,11 @@ TEST(DaemonSmux, TrapAfterEachAcceptedRegistration) {
 }
 
 // The agent forgets a closed session's registrations: the next session announces every
-// distinct subtree again, in table order, each once, and the subagents do not notice. A
-// subtree held twice is announced once and withdrawn when its last holder leaves.
-TEST(DaemonSmux, SubtreesReplayedOnceAfterReopen) {
+// distinct subtree again, in table order, each once, and the subagents do not notice. After
+// the agent refused a registration, though, the next session announces only the port
+// object, so a subtree the agent will not take cannot make the daemon reconnect forever. A
+// subtree held twice is withdrawn when its last holder leaves.
+TEST(DaemonSmux, SubtreesReplayedAfterReopen) {
     ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
     daemon_session s;
     ASSERT_TRUE(start_session(&s, {}));
@@ -250,13 +252,24 @@ TEST(DaemonSmux, SubtreesReplayedOnceAfterReopen) {
     register_subagent(&s, &b, "1.3.6.1.2.1.99.", 2);
     register_subagent(&s, &c, "1.3.6.1.4.1.2.6.1.", 3, false);
     expect_silence(&s, 300);
+    auto expect_replay = [&] {
+        for (const char* subtree : {"1.3.6.1.2.1.99", DPI_PORT_OBJECT, "1.3.6.1.4.1.2.6.1"}) {
+            expect_next(&s, smux_rreq(subtree, 2));
+        }
+        expect_silence(&s, 300);
+    };
 
     agent_hang_up(&s);
     ASSERT_TRUE(accept_reopen(&s));
-    for (const char* subtree : {"1.3.6.1.2.1.99", DPI_PORT_OBJECT, "1.3.6.1.4.1.2.6.1"}) {
-        expect_next(&s, smux_rreq(subtree, 2));
-    }
+    expect_replay();
+    ASSERT_TRUE(agent_send(&s, vx_hex("43 01 ff")));
+    expect_hang_up(&s);
+    ASSERT_TRUE(accept_reopen(&s));
+    expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
     expect_silence(&s, 300);
+    agent_hang_up(&s);
+    ASSERT_TRUE(accept_reopen(&s));
+    expect_replay();
     for (vx_stream* sa : {&a, &b, &c}) {
         expect_served(sa, 9);
     }
@@ -267,31 +280,6 @@ TEST(DaemonSmux, SubtreesReplayedOnceAfterReopen) {
     expect_next(&s, smux_rreq("1.3.6.1.4.1.2.6.1", 0));
     close(b.fd);
     expect_next(&s, smux_rreq("1.3.6.1.2.1.99", 0));
-}
-
-// After the agent refused a registration, the next session announces only the port object,
-// so a subtree the agent will not take cannot make the daemon reconnect forever. A session
-// that ends otherwise replays the table again.
-TEST(DaemonSmux, NoReplayAfterRefusal) {
-    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
-    daemon_session s;
-    ASSERT_TRUE(start_session(&s, {}));
-    vx_stream a = subagent(&s);
-    register_subagent(&s, &a, "1.3.6.1.2.1.1.5.", 1);
-    ASSERT_TRUE(agent_send(&s, vx_hex("43 01 ff")));
-    expect_hang_up(&s);
-
-    ASSERT_TRUE(accept_reopen(&s));
-    expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
-    expect_silence(&s, 300);
-    ASSERT_TRUE(agent_send(&s, vx_hex("43 01 00")));
-
-    agent_hang_up(&s);
-    ASSERT_TRUE(accept_reopen(&s));
-    expect_next(&s, smux_rreq("1.3.6.1.2.1.1.5", 2));
-    expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
-    expect_silence(&s, 300);
-    close(a.fd);
 }
 
 // At Internal-lvl3 every packet either way is dumped, numbered from 1, with the library
