@@ -76,9 +76,10 @@ static bool has_instance(const char* instance) {
 
 // ---- release ----
 
-static void fDPIget_packet(dpi_get_packet* chain) {
+template <typename Record>
+static void free_identifier_chain(Record* chain) {
     while (chain != nullptr) {
-        dpi_get_packet* next = chain->next;
+        Record* next = chain->next;
         free(chain->object_id);
         free(chain->group_id);
         free(chain->instance_id);
@@ -87,15 +88,12 @@ static void fDPIget_packet(dpi_get_packet* chain) {
     }
 }
 
+static void fDPIget_packet(dpi_get_packet* chain) {
+    free_identifier_chain(chain);
+}
+
 static void fDPInext_packet(dpi_next_packet* chain) {
-    while (chain != nullptr) {
-        dpi_next_packet* next = chain->next;
-        free(chain->object_id);
-        free(chain->group_id);
-        free(chain->instance_id);
-        free(chain);
-        chain = next;
-    }
+    free_identifier_chain(chain);
 }
 
 void fDPIset_packet(dpi_set_packet* chain) {
@@ -840,22 +838,26 @@ static bool fill_identifiers(const char* group, const char* instance, char** gro
     return true;
 }
 
-dpi_get_packet* mkDPIget_packet(dpi_get_packet* chain, const char* group, const char* instance) {
+// GET and GETNEXT records have the same shape: identifiers made from group and instance,
+// appended at the end of the caller's chain.
+template <typename Record>
+static Record* append_identifiers(Record* chain, const char* group, const char* instance,
+                                  void (*release)(Record*)) {
     if (group_or_instance_invalid(group, instance) != 0) {
         return nullptr;
     }
-    dpi_get_packet* rec = static_cast<dpi_get_packet*>(calloc(1, sizeof *rec));
+    Record* rec = static_cast<Record*>(calloc(1, sizeof *rec));
     if (rec == nullptr) {
         return nullptr;
     }
     if (!fill_identifiers(group, instance, &rec->group_id, &rec->instance_id, &rec->object_id)) {
-        fDPIget_packet(rec);
+        release(rec);
         return nullptr;
     }
     if (chain == nullptr) {
         return rec;
     }
-    dpi_get_packet* last = chain;
+    Record* last = chain;
     while (last->next != nullptr) {
         last = last->next;
     }
@@ -863,27 +865,12 @@ dpi_get_packet* mkDPIget_packet(dpi_get_packet* chain, const char* group, const 
     return chain;
 }
 
+dpi_get_packet* mkDPIget_packet(dpi_get_packet* chain, const char* group, const char* instance) {
+    return append_identifiers(chain, group, instance, fDPIget_packet);
+}
+
 dpi_next_packet* mkDPInext_packet(dpi_next_packet* chain, const char* group, const char* instance) {
-    if (group_or_instance_invalid(group, instance) != 0) {
-        return nullptr;
-    }
-    dpi_next_packet* rec = static_cast<dpi_next_packet*>(calloc(1, sizeof *rec));
-    if (rec == nullptr) {
-        return nullptr;
-    }
-    if (!fill_identifiers(group, instance, &rec->group_id, &rec->instance_id, &rec->object_id)) {
-        fDPInext_packet(rec);
-        return nullptr;
-    }
-    if (chain == nullptr) {
-        return rec;
-    }
-    dpi_next_packet* last = chain;
-    while (last->next != nullptr) {
-        last = last->next;
-    }
-    last->next = rec;
-    return chain;
+    return append_identifiers(chain, group, instance, fDPInext_packet);
 }
 
 static bool value_type_known(int value_type) {
