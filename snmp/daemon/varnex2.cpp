@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -743,6 +744,16 @@ static int ready(int fd) {
     return fd >= 0 && FD_ISSET(fd, &readyfds);
 }
 
+// A request forwarded earlier in the same pass may already have read what made a subagent's
+// socket ready (a TRAP sent while its RESPONSE was awaited). Serving the socket on the old
+// readiness would block in the 8-second wait and then drop a healthy subagent.
+static int still_readable(int fd) {
+    pollfd p{};
+    p.fd = fd;
+    p.events = POLLIN;
+    return poll(&p, 1, 0) > 0;
+}
+
 [[noreturn]] static void usage(const char* program) {
     printf("usage:  %s [-d [level]]\n", program);
     printf("\n%s\n", banner);
@@ -867,7 +878,7 @@ int main(int argc, char** argv) {
         }
         for (int i = 0; i < MAX_SUBAGENTS; i++) {
             int fd = sa_fds[i];
-            if (ready(fd)) {
+            if (ready(fd) && still_readable(fd)) {
                 FD_CLR(fd, &readyfds);
                 VX_TRACE(TRACE_LVL1, "DPI request on fd %d\n", fd);
                 (void)handle_DPI_request(fd);
