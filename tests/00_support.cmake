@@ -3,6 +3,4 @@
 add_library(vx_testsupport STATIC ${CMAKE_CURRENT_SOURCE_DIR}/support/vx_testsupport.cpp
                                   ${CMAKE_CURRENT_SOURCE_DIR}/support/vx_peers.cpp)
 target_include_directories(vx_testsupport PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/support)
-if(TARGET varnex2)
-  target_compile_definitions(vx_testsupport PRIVATE VARNEX2_PATH="$<TARGET_FILE:varnex2>")
-endif()
+target_compile_definitions(vx_testsupport PRIVATE VARNEX2_PATH="$<TARGET_FILE:varnex2>")
