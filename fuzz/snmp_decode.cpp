@@ -11,6 +11,8 @@
 #include "snmp_container.h"
 #include "snmp_ed.h"
 
+#include "snmp_fields.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
@@ -38,35 +40,10 @@ struct Slot {
     }
 };
 
-template <typename T>
-void put(std::string* out, const T& v) {
-    out->append(reinterpret_cast<const char*>(&v), sizeof v);
-}
-
-void put_bytes(std::string* out, const void* p, uint32_t n) {
-    put(out, n);
-    out->append(static_cast<const char*>(p), n);
-}
-
-void put_container(std::string* out, const snmp_container* c) {
-    put(out, c->tag);
-    put(out, c->native);
-    if (c->native == SNMP_NATIVE_OID) {
-        put_bytes(out, snmp_container_const_subids(c), c->length * 4);
-    } else if (c->native == SNMP_NATIVE_OCTETS) {
-        put_bytes(out, snmp_container_const_octets(c), c->length);
-    } else {
-        put(out, c->value.u32);
-    }
-}
-
-void put_varbinds(std::string* out, const snmp_varBind* vbs, uint32_t n) {
-    put(out, n);
-    for (uint32_t i = 0; i < n; i++) {
-        put_container(out, vbs[i].name);
-        put_container(out, vbs[i].value);
-    }
-}
+using snmp_fields::put;
+using snmp_fields::put_bytes;
+using snmp_fields::put_container;
+using snmp_fields::put_varbinds;
 
 // Every field the message's PDU type uses, as bytes.
 std::string flatten(const Slot& s) {
