@@ -36,6 +36,16 @@ struct Response {
     }
 };
 
+// The request as the agent would send it, with the record's PDU type; empty on failure.
+std::vector<uint8_t> wire_of(smux_pdu* record) {
+    uint8_t* start = nullptr;
+    uint32_t length = 0;
+    if (smux_encode_message(&start, &length, record) != SNMP_CODEC_OK) {
+        return {};
+    }
+    return std::vector<uint8_t>(start, start + length);
+}
+
 void BM_SmuxEncodeGetResponse(benchmark::State& state) {
     Response r;
     uint8_t* start = nullptr;
@@ -54,13 +64,12 @@ BENCHMARK(BM_SmuxEncodeGetResponse);
 
 void BM_SmuxDecodeGetResponse(benchmark::State& state) {
     Response r;
-    uint8_t* start = nullptr;
-    uint32_t length = 0;
-    if (smux_encode_message(&start, &length, &r.record) != SNMP_CODEC_OK) {
+    const std::vector<uint8_t> wire = wire_of(&r.record);
+    if (wire.empty()) {
         state.SkipWithError("encode failed");
         return;
     }
-    const std::vector<uint8_t> wire(start, start + length);
+    const auto length = static_cast<uint32_t>(wire.size());
     smux_pdu* pdu = nullptr;
     for (auto _ : state) {
         if (smux_decode_message(wire.data(), length, &pdu) != SNMP_CODEC_OK) {
@@ -76,17 +85,18 @@ BENCHMARK(BM_SmuxDecodeGetResponse);
 // Decode, answer in place and encode: what the daemon's codec work per request amounts to.
 void BM_SmuxDecodeAndAnswer(benchmark::State& state) {
     Response r;
-    uint8_t* start = nullptr;
-    uint32_t length = 0;
     r.record.type = SNMP_PDU_GET;
-    if (smux_encode_message(&start, &length, &r.record) != SNMP_CODEC_OK) {
+    const std::vector<uint8_t> wire = wire_of(&r.record);
+    if (wire.empty()) {
         state.SkipWithError("encode failed");
         return;
     }
-    const std::vector<uint8_t> wire(start, start + length);
+    const auto wire_len = static_cast<uint32_t>(wire.size());
+    uint8_t* start = nullptr;
+    uint32_t length = 0;
     smux_pdu* pdu = nullptr;
     for (auto _ : state) {
-        if (smux_decode_message(wire.data(), length, &pdu) != SNMP_CODEC_OK) {
+        if (smux_decode_message(wire.data(), wire_len, &pdu) != SNMP_CODEC_OK) {
             state.SkipWithError("decode failed");
             break;
         }
