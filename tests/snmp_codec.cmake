@@ -1,7 +1,7 @@
 # Tests of the SNMP library's codec: BER primitives, SNMPv1 PDUs and messages, SMUX PDUs.
 foreach(t snmp_asn1_test snmp_ed_test)
   add_executable(${t} ${CMAKE_CURRENT_SOURCE_DIR}/${t}.cpp)
-  target_link_libraries(${t} PRIVATE snmpkit GTest::gtest_main)
+  target_link_libraries(${t} PRIVATE snmpkit vx_testsupport GTest::gtest_main)
   gtest_discover_tests(${t})
 endforeach()
 

@@ -19,17 +19,14 @@
 #include "smux_ed.h"
 #include "snmp_asn1.h"
 #include "snmp_container.h"
+#include "vx_peers.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
 Bytes hex(const std::string& text) {  // "02 01 7F"
-    Bytes out;
-    for (size_t i = 0; i + 1 < text.size(); i += 3) {
-        out.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
-    }
-    return out;
+    return vx_hex(text.c_str());
 }
 
 Bytes cat(std::initializer_list<Bytes> parts) {
