@@ -103,6 +103,9 @@ peer_read agent_next(daemon_session* s, bytes* pdu, int timeout_ms) {
     peer_read r;
     while ((r = agent_read(s, pdu, timeout_ms)) == PEER_OK && (*pdu)[0] == 0xa4) {
     }
+    if (r == PEER_OK && (*pdu)[0] == 0x62 && s->auto_rrsp && !agent_send(s, vx_smux_rrsp(0))) {
+        return PEER_EOF;
+    }
     return r;
 }
 

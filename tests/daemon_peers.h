@@ -42,6 +42,7 @@ struct daemon_session {
     vx_process daemon;
     std::string banner;  // read from the daemon's start line
     int dpi_port = 0;    // read from its "DPI  fd: %d port: %d" trace
+    bool auto_rrsp = true;  // agent_next answers every RReq it reads with RRsp 0, as snmpd
     ~daemon_session();
 };
 
@@ -55,7 +56,8 @@ void agent_stop_listening(daemon_session* s);
 [[nodiscard]] bool agent_accept(daemon_session* s, int timeout_ms);
 void agent_hang_up(daemon_session* s);
 [[nodiscard]] bool agent_send(daemon_session* s, const bytes& b);
-// One whole PDU from the daemon; agent_next passes Trap PDUs over.
+// One whole PDU from the daemon; agent_next passes Trap PDUs over and answers RReqs when
+// `auto_rrsp` is set (the daemon sends no more RReqs while one is unanswered).
 [[nodiscard]] peer_read agent_read(daemon_session* s, bytes* pdu, int timeout_ms);
 [[nodiscard]] peer_read agent_next(daemon_session* s, bytes* pdu, int timeout_ms);
 

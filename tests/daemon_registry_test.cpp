@@ -1,13 +1,16 @@
-// The registration table, linked into the test with the daemon's own modules, announcing
-// over a loopback connection to a peer that reads what the agent would.
+// The registration table and the session's record of what the agent holds, linked into the
+// test with the daemon's own modules, announcing over a loopback connection to a peer that
+// reads what the agent would. The session's clock is driven by the test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "forward.h"
 #include "registry.h"
 #include "snmp_container.h"
 #include "snmp_ed.h"
@@ -24,12 +27,13 @@ class RegistryTable : public ::testing::Test {
         listen_fd_ = vx_tcp_listen(0);
         ASSERT_GE(listen_fd_, 0);
         ASSERT_TRUE(connect_agent());
+        session_opened();
     }
 
     void TearDown() override {
         registry_release();
+        session_release();
         EXPECT_EQ(mop_list, nullptr);
-        smux_request_active = 0;
         if (smux_fd >= 0) {
             close(smux_fd);
             smux_fd = -1;
@@ -52,8 +56,10 @@ class RegistryTable : public ::testing::Test {
         return open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
 
-    // Every RReq the table sent since the last call, as "subtree op".
+    // Every RReq sent since the last call, as "subtree op", after letting the session send
+    // whatever it holds back for a quiet agent connection.
     std::vector<std::string> sent() {
+        EXPECT_EQ(session_flush(INT64_MAX / 2), 0);
         std::vector<std::string> out;
         vx_smux_msg m;
         while (vx_smux_next(&peer_, &m, 100)) {
@@ -86,7 +92,14 @@ class RegistryTable : public ::testing::Test {
 
 using strings = std::vector<std::string>;
 
-TEST_F(RegistryTable, SortedInsertionNewestFirstAndOneAnnouncementPerSubtree) {
+// Answers the outstanding RReqs as the agent would: accepted, in order.
+static void accept_all(size_t n) {
+    for (size_t i = 0; i < n; i++) {
+        EXPECT_EQ(session_rrsp(0), 0);
+    }
+}
+
+TEST_F(RegistryTable, SortedInsertionNewestFirstAndOneRegistrationPerSubtree) {
     int a = subagent_fd();
     int b = subagent_fd();
     int c = subagent_fd();
@@ -111,6 +124,7 @@ TEST_F(RegistryTable, SortedInsertionNewestFirstAndOneAnnouncementPerSubtree) {
                                 "1.3.6.1.4.1.9@" + A}));
     EXPECT_EQ(sent(), (strings{"1.3.6.1.2.1.1 2", "1.3.6.1.2.1 2", "1.3.6.1.4.1 2",
                                "1.3.6.1.4.1.9 2", "1.3.6.1.4.1.2.6 2"}));
+    accept_all(5);
 
     // Leaving holders: a delete only when the last entry of a subtree goes.
     struct leave {
@@ -120,83 +134,108 @@ TEST_F(RegistryTable, SortedInsertionNewestFirstAndOneAnnouncementPerSubtree) {
     };
     const leave steps[] = {
         {b, {}, 5},
-        {a, {"1.3.6.1.4.1.2.6 0", "1.3.6.1.4.1.9 0"}, 3},
+        {a, {"1.3.6.1.4.1.9 0", "1.3.6.1.4.1.2.6 0"}, 3},
         {a, {}, 3},  // nothing left for it: nothing sent
-        {c, {"1.3.6.1.2.1 0", "1.3.6.1.2.1.1 0", "1.3.6.1.4.1 0"}, 0},
+        {c, {"1.3.6.1.2.1.1 0", "1.3.6.1.2.1 0", "1.3.6.1.4.1 0"}, 0},
     };
     for (const leave& s : steps) {
         SCOPED_TRACE(s.fd);
         unregister_fd(s.fd);
         EXPECT_EQ(sent(), s.deletes);
+        accept_all(s.deletes.size());
         EXPECT_EQ(table().size(), s.left);
         EXPECT_EQ(fcntl(s.fd, F_GETFD), -1) << "socket left open";
     }
 }
 
-TEST_F(RegistryTable, ReplayStopsAtTheFirstFailureAndResumesOnTheNextSession) {
-    EXPECT_EQ(register_subtrees(), 0);
-    EXPECT_EQ(sent(), strings{});
-
-    // Registered while the agent is away: refused, kept, not announced.
-    close(smux_fd);
-    smux_fd = -1;
+// What the agent holds, step by step: each step acts, then shows what goes out next.
+TEST_F(RegistryTable, RReqsAreMatchedInOrderAndEatenOnesSentAgain) {
     int a = subagent_fd();
-    for (const char* t : {"1.3.6.1.4.1.5", "1.3.6.1.4.1.6", "1.3.6.1.4.1.7", "1.3.6.1.4.1.6"}) {
-        EXPECT_NE(reg(t, a), 0) << t;
+    int b = subagent_fd();
+    const auto want = [&](const char* text, int fd) { EXPECT_EQ(reg(text, fd), 0); };
+    const auto eaten = [] { EXPECT_EQ(session_request_eaten(), 1); };
+    const auto answered = [] { EXPECT_EQ(session_request_eaten(), 0); };
+    struct step {
+        const char* name;
+        std::function<void()> act;
+        strings out;
+    };
+    const step steps[] = {
+        {"two adds go out together", [&] { want("1.3.6.1.4.1.5", a); want("1.3.6.1.4.1.6", b); },
+         {"1.3.6.1.4.1.5 2", "1.3.6.1.4.1.6 2"}},
+        {"nothing more while they are unanswered", [&] { want("1.3.6.1.4.1.7", a); }, {}},
+        {"a request eats the first, the second is answered",
+         [&] { eaten(); EXPECT_EQ(session_rrsp(0), 0); },
+         {"1.3.6.1.4.1.5 2", "1.3.6.1.4.1.7 2"}},
+        {"both accepted: a request is answered", [&] { accept_all(2); answered(); }, {}},
+        {"an eaten delete", [&] { unregister_fd(b); }, {"1.3.6.1.4.1.6 0"}},
+        {"sent again", [&] { eaten(); }, {"1.3.6.1.4.1.6 0"}},
+        {"accepted", [&] { accept_all(1); answered(); }, {}},
+        {"added and withdrawn before it went out: nothing", [&] {
+             int c = subagent_fd();
+             want("1.3.6.1.4.1.8", c);
+             unregister_fd(c);
+         }, {}},
+        {"withdrawn while its add is unanswered", [&] {
+             int c = subagent_fd();
+             want("1.3.6.1.4.1.9", c);
+             EXPECT_EQ(sent(), strings{"1.3.6.1.4.1.9 2"});
+             unregister_fd(c);
+             accept_all(1);
+         }, {"1.3.6.1.4.1.9 0"}},
+        {"withdrawn while its add is unanswered, the add eaten: nothing", [&] {
+             accept_all(1);
+             int c = subagent_fd();
+             want("1.3.6.1.4.1.10", c);
+             EXPECT_EQ(sent(), strings{"1.3.6.1.4.1.10 2"});
+             unregister_fd(c);
+             eaten();
+         }, {}},
+        {"a refused add ends the session; the next one offers the rest again", [&] {
+             want("1.3.6.1.2.1.1.5", a);
+             EXPECT_EQ(sent(), strings{"1.3.6.1.2.1.1.5 2"});
+             EXPECT_EQ(session_rrsp(-1), -1);
+             session_lost();
+             session_opened();
+             register_subtrees();
+         }, {"1.3.6.1.4.1.5 2", "1.3.6.1.4.1.7 2"}},
+        {"a session lost with RReqs unanswered: the next one sends them all again", [&] {
+             want("1.3.6.1.4.1.11", subagent_fd());
+             session_lost();
+             session_opened();
+             register_subtrees();
+         }, {"1.3.6.1.4.1.5 2", "1.3.6.1.4.1.7 2", "1.3.6.1.4.1.11 2"}},
+    };
+    for (const step& s : steps) {
+        SCOPED_TRACE(s.name);
+        s.act();
+        EXPECT_EQ(sent(), s.out);
     }
-    EXPECT_EQ(table().size(), 4u);
-
-    // The agent has gone when the replay starts: the first RReq still leaves, the reset it
-    // provokes fails the second, and the replay stops there.
-    ASSERT_TRUE(connect_agent());
-    close(peer_.fd);
-    peer_.fd = -1;
-    EXPECT_NE(register_subtrees(), 0);
-    std::vector<int> announced;
-    for (registration_entry* e = mop_list; e != nullptr; e = e->next) {
-        announced.push_back(e->announced);
-    }
-    EXPECT_EQ(announced, (std::vector<int>{1, 0, 0, 0}));
-
-    // A new session announces every distinct subtree once, in order.
-    close(smux_fd);
-    ASSERT_TRUE(connect_agent());
-    registry_clear_announced();
-    EXPECT_EQ(register_subtrees(), 0);
-    EXPECT_EQ(sent(), (strings{"1.3.6.1.4.1.5 2", "1.3.6.1.4.1.6 2", "1.3.6.1.4.1.7 2"}));
-    EXPECT_EQ(register_subtrees(), 0);
-    EXPECT_EQ(sent(), strings{});
-    // An equal subtree joining an announced one is not sent again.
-    EXPECT_EQ(reg("1.3.6.1.4.1.7.", subagent_fd()), 0);
-    EXPECT_EQ(sent(), strings{});
+    session_counts n = session_get_counts();
+    EXPECT_EQ(n.rreqs_eaten, 3u);
 }
 
-TEST_F(RegistryTable, DeletesMadeDuringARequestWaitForTheAnswer) {
-    int a = subagent_fd();
-    ASSERT_EQ(reg("1.3.6.1.4.1.8", a), 0);
-    ASSERT_EQ(reg("1.3.6.1.4.1.3", a), 0);
-    ASSERT_EQ(sent().size(), 2u);
-
-    smux_request_active = 1;
-    unregister_fd(a);
-    EXPECT_EQ(table(), strings{});
-    EXPECT_EQ(sent(), strings{});
-    smux_request_active = 0;
-    EXPECT_EQ(registry_send_held_deletes(), 0);
-    EXPECT_EQ(sent(), (strings{"1.3.6.1.4.1.3 0", "1.3.6.1.4.1.8 0"}));
-    EXPECT_EQ(registry_send_held_deletes(), 0);
-    EXPECT_EQ(sent(), strings{});
-
-    // The session ends before the answer: the new session must not see those deletes.
-    int b = subagent_fd();
-    ASSERT_EQ(reg("1.3.6.1.4.1.4", b), 0);
-    ASSERT_EQ(sent().size(), 1u);
-    smux_request_active = 1;
-    unregister_fd(b);
-    smux_request_active = 0;
-    registry_clear_announced();
-    EXPECT_EQ(registry_send_held_deletes(), 0);
-    EXPECT_EQ(sent(), strings{});
+// RReqs wait for the agent connection to be quiet, but never for long.
+TEST_F(RegistryTable, RReqsWaitForAQuietAgentButNotForLong) {
+    ASSERT_EQ(reg("1.3.6.1.4.1.5", subagent_fd()), 0);
+    const int64_t now = vx_now_ns();
+    session_activity(now);
+    EXPECT_EQ(session_flush(now), 0);
+    int64_t next = session_next_flush();
+    EXPECT_GT(next, now);
+    EXPECT_LE(next, now + 1'000'000'000);  // idle: well within a second
+    // Under traffic that never pauses for more than 50 us it still goes within seconds; once
+    // it is out, nothing is due until its answer.
+    int64_t t = now;
+    while (t < now + 5'000'000'000 && session_next_flush() != INT64_MAX) {
+        t += 50'000;
+        EXPECT_EQ(session_flush(t), 0);
+        session_activity(t);
+    }
+    EXPECT_LT(t, now + 5'000'000'000);
+    vx_smux_msg m;
+    ASSERT_TRUE(vx_smux_next(&peer_, &m, 1000));
+    EXPECT_EQ(m.oid, "1.3.6.1.4.1.5");
 }
 
 TEST_F(RegistryTable, PortObjectAnswerReplacesTheVarBind) {

@@ -1,10 +1,10 @@
 // Forwarding of the agent's requests to DPI subagents, and of subagents' traps to the agent.
 //
-// A request is answered synchronously: the daemon sends one DPI packet, then blocks on the
-// subagent's socket until the RESPONSE comes (read_DPI_packet gives up after 8 seconds per
-// wait and drops the subagent). Meanwhile the agent waits for its GetResponse and must get
-// nothing from us but Traps, so a subagent dropped here has its table entries removed at
-// once while the registry holds the delete RReqs back until the GetResponse is out.
+// A request is answered synchronously: the daemon sends one DPI packet, then waits on the
+// subagent's connection alone until the whole RESPONSE is in, at most 8 seconds from the
+// request however the subagent spreads its bytes, or the subagent is dropped. Meanwhile the
+// agent waits for its GetResponse and must get nothing from us but Traps; a subagent dropped
+// here only changes what the session is to tell the agent later.
 #include "forward.h"
 
 #include <array>
@@ -13,12 +13,14 @@
 #include <cstring>
 #include <new>
 
+#include "conn.h"
 #include "registry.h"
+#include "session.h"
 #include "smux_ed.h"
 #include "snmp_container.h"
 #include "snmp_dpi.h"
 #include "snmp_ed.h"
-#include "varnex2.h"
+#include "trace.h"
 
 namespace {
 
@@ -33,6 +35,8 @@ enum : int {
 // object identifiers travel as text that must fit in a packet, so 8192 is ample for texts.
 inline constexpr unsigned FWD_PACKET_SIZE = 4096;
 inline constexpr size_t FWD_TEXT_SIZE = 8192;
+
+constexpr const char* DPI_PORT_INSTANCE = "1.3.6.1.4.1.2.2.1.1.1.0";
 
 // How an SNMP value of a Set travels in DPI. A tag outside the table has no DPI form.
 struct snmp_to_dpi_row {
@@ -107,6 +111,80 @@ static_assert(dpi_error_table[DPI_ERROR_notWritable] == FWD_NO_SUCH_NAME);
 
 }  // namespace
 
+// The daemon's own object: the DPI port, so that subagents can learn it from the agent.
+static int do_mib_request(uint8_t type, snmp_varBind* vb) {
+    static snmp_container* dpi_port_oid_p = nullptr;  // kept for the life of the process
+    if (dpi_port_oid_p == nullptr) {
+        dpi_port_oid_p = snmp_create_oid_container(DPI_PORT_INSTANCE);
+        if (dpi_port_oid_p == nullptr) {
+            VX_TRACE(TRACE_LVL1, "genErr\n");
+            return FWD_GEN_ERR;
+        }
+    }
+    int32_t c = snmp_compare_oid_subids(vb->name, dpi_port_oid_p, 0);
+    bool answer = false;
+    if (type == SNMP_PDU_GETNEXT) {
+        answer = c < 0 && c != SNMP_ERR_NOT_OID;
+    } else if (type == SNMP_PDU_GET) {
+        answer = c == 0;
+    }
+    if (!answer) {
+        VX_TRACE(TRACE_LVL2, "noSuchName\n");
+        return FWD_NO_SUCH_NAME;
+    }
+
+    snmp_container* name = snmp_copy_container_value(vb->name, dpi_port_oid_p);
+    if (name == nullptr) {
+        VX_TRACE(TRACE_LVL2, "genErr\n");
+        return FWD_GEN_ERR;
+    }
+    vb->name = name;
+    int32_t port = dpi_port;
+    snmp_container* value =
+        vb->value != nullptr
+            ? snmp_replace_container_value(vb->value, &port, 4, SNMP_TAG_INTEGER, SNMP_HINT_NONE)
+            : snmp_create_value_container(&port, 4, SNMP_TAG_INTEGER, SNMP_HINT_NONE);
+    if (value == nullptr) {
+        VX_TRACE(TRACE_LVL2, "genErr\n");
+        return FWD_GEN_ERR;
+    }
+    vb->value = value;
+    return 0;
+}
+
+int process_req(uint8_t type, snmp_varBind* vb) {
+    registration_entry* e = mop_list;
+    for (; e != nullptr; e = e->next) {
+        uint32_t n = e->subtree->length;
+        int32_t c = snmp_compare_oid_subids(vb->name, e->subtree, n);
+        if (c == 0 || (c == -1 && type == SNMP_PDU_GETNEXT)) {
+            break;
+        }
+    }
+    if (e == nullptr) {
+        return FWD_NO_SUCH_NAME;
+    }
+
+    int first = 1;
+    int rc;
+    do {
+        if (e->fd == -1) {
+            rc = do_mib_request(type, vb);
+        } else {
+            unsigned removals = removal_count;
+            rc = remote_mib_req(type, vb, e, first);
+            // A subagent dropped during the exchange takes its entries with it, perhaps
+            // this one; the walk cannot go on from a released entry.
+            if (removals != removal_count) {
+                return rc;
+            }
+        }
+        first = 0;
+        e = e->next;
+    } while (rc == FWD_NO_SUCH_NAME && type == SNMP_PDU_GETNEXT && e != nullptr);
+    return rc;
+}
+
 // Parse tree of the last packet read from the subagent during an exchange.
 static dpi_hdr* hdr = nullptr;
 
@@ -179,17 +257,25 @@ static const unsigned char* mkMIBquery(int type, const char* oid_text, const cha
 }
 
 // Reads packets from the subagent until one is a RESPONSE, forwarding any TRAP met on the
-// way. Returns 0 with the RESPONSE in `hdr`, or genErr once the subagent has been dropped.
-static int await_response(int fd, unsigned char* buf, bool trace_read_failure) {
+// way, until `deadline_ns`. Returns 0 with the RESPONSE in `hdr`, or genErr once the
+// subagent has been dropped.
+static int await_response(int fd, int64_t deadline_ns, bool trace_read_failure) {
+    vx_conn* c = subagent_conn(fd);
     for (;;) {
-        if (read_DPI_packet(fd, buf, FWD_PACKET_SIZE) != 0) {
+        uint32_t total = 0;
+        if (c == nullptr || conn_await_dpi(c, deadline_ns, &total) != 0) {
             if (trace_read_failure) {
                 VX_TRACE(TRACE_LVL1, "can't read response packet or timeout");
             }
+            unregister_fd(fd);
             return FWD_GEN_ERR;
         }
+        if (tracing & TRACE_LVL3) {
+            log_bfr(c->buf, static_cast<int>(total), "Incoming DPI packet");
+        }
         release_hdr();
-        hdr = pDPIpacket(buf);
+        hdr = pDPIpacket(c->buf);
+        conn_consume(c, total);
         if (hdr == nullptr || (hdr->packet_type == SNMP_DPI_RESPONSE && hdr->data == nullptr)) {
             release_hdr();
             unregister_fd(fd);
@@ -211,6 +297,11 @@ static int await_response(int fd, unsigned char* buf, bool trace_read_failure) {
         unregister_fd(fd);
         return FWD_GEN_ERR;
     }
+}
+
+// The whole answer to a packet sent now must be in within this.
+static int64_t answer_deadline(void) {
+    return vx_now_ns() + static_cast<int64_t>(DPI_WAIT_SECONDS) * 1000000000;
 }
 
 // Numeric order of two dotted OID texts: <0, 0, >0. Texts that are not numbers fall back to
@@ -256,7 +347,6 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
                     int value_type, int value_len, const unsigned char* value, char* reply_oid,
                     int* reply_type, int* reply_len, unsigned char* reply_value) {
     const rmt_reply reply{reply_oid, reply_type, reply_len, reply_value};
-    unsigned char buf[FWD_PACKET_SIZE];
     // A GETNEXT that meets a Counter64 object starts again from that object.
     char restart_oid[FWD_TEXT_SIZE];
     const char* request_oid = oid_text;
@@ -265,7 +355,6 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
         mkMIBquery(type, oid_text, subtree_text, value_type, value_len, value);
     int code = 0;
     for (;;) {
-        memset(buf, 0, sizeof buf);
         if (packet == nullptr) {
             VX_TRACE(TRACE_LVL1, "error making DPI packet for remote agent");
             return FWD_GEN_ERR;
@@ -274,7 +363,7 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
             unregister_fd(fd);
             return FWD_GEN_ERR;
         }
-        if (await_response(fd, buf, true) != 0) {
+        if (await_response(fd, answer_deadline(), true) != 0) {
             return FWD_GEN_ERR;
         }
         auto* resp = static_cast<dpi_resp_packet*>(hdr->data);
@@ -336,8 +425,7 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
         unregister_fd(fd);
         return FWD_GEN_ERR;
     }
-    memset(buf, 0, sizeof buf);
-    if (await_response(fd, buf, false) != 0) {
+    if (await_response(fd, answer_deadline(), false) != 0) {
         return FWD_GEN_ERR;
     }
     code = static_cast<dpi_resp_packet*>(hdr->data)->error_code;

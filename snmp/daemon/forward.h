@@ -1,10 +1,15 @@
 #pragma once
-// Forwarding of the agent's requests to DPI subagents, and of subagents' traps to the agent.
+// Dispatch and forwarding of the agent's requests to DPI subagents, and of subagents' traps to the agent.
 #include <cstdint>
 
 struct snmp_varBind;
 struct registration_entry;
 struct dpi_set_packet;
+
+// Answers one varBind of a Get (0xA0), GetNext (0xA1) or Set (0xA3) in place, by the daemon's
+// own object or the owning subagent. Returns an SNMPv1 error status: 0, 2 noSuchName when no
+// registration answers, or whatever forwarding reported.
+[[nodiscard]] int process_req(uint8_t type, snmp_varBind* vb);
 
 // Answers one varBind of a Get (0xA0), GetNext (0xA1) or Set (0xA3) for a subtree owned by a
 // subagent, through a DPI exchange on the entry's socket. Returns an SNMPv1 error status

@@ -1,14 +1,11 @@
-// The daemon's main module: command line and trace levels, the select loop, the DPI listener
-// and the framing of DPI packets on subagent connections, and the SMUX session with the
-// master agent.
+// The daemon's entry point and its one loop: command line and trace levels, start-up, the
+// agent connection's PDUs and the subagents' packets, and an orderly stop on a signal.
 #include "varnex2.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,77 +19,33 @@
 #include "snmp_container.h"
 #include "snmp_debug.h"
 #include "snmp_ed.h"
-#include "snmp_version.h"
 #include "snmpmDPI.h"
 
-int tracing = 0;
 int forever = 1;
-const char* myname = "varnex2";
-int smux_fd = -1;
-int dpi_fd = -1;
-int dpi_port = 0;
-fd_set selectfds;
-int nfds = 0;
-int sa_fds[MAX_SUBAGENTS] = {-1, -1, -1, -1, -1};
-char* myoid = nullptr;
-char* mypw = nullptr;
 
-static const char banner[] = "varnex2 version 1.0.00, Mar 16 1998, Compiled " __DATE__ " at " __TIME__;
-static const char peers_path[] = "/etc/snmpd.peers";
-static const char dpi_port_subtree[] = "1.3.6.1.4.1.2.2.1.1.1";
+namespace {
 
-enum {
-    SMUX_PORT = 199,
-    DPI_BUF_SIZE = 4096,
-    DPI_WAIT_SECONDS = 8,
-    AGENT_RETRY_SECONDS = 5,
-    PEERS_LINE_SIZE = 8192,
-    PEERS_MAX_FIELDS = 16,
-    DPI_OTHER_ERROR = 101,
-};
+constexpr char dpi_port_subtree[] = "1.3.6.1.4.1.2.2.1.1.1";
+constexpr int AGENT_RETRY_SECONDS = 5;
+constexpr int DPI_OTHER_ERROR = 101;
+constexpr int32_t SMUX_CLOSE_GOING_DOWN = 0;
+constexpr uint8_t DPI_CLOSE_GOING_DOWN = 2;
+constexpr int64_t NS_PER_S = 1000000000;
 
-// Descriptors reported ready by the present pass of the loop. A descriptor closed during the
-// pass is taken out, so a new connection that the system gives the same number later in the
-// pass is not mistaken for the one that was ready.
-static fd_set readyfds;
+volatile sig_atomic_t stop_signal = 0;
 
-// The agent connection is a byte stream: a read may bring several PDUs or part of one. What
-// is not yet a whole PDU waits here for the next read.
-static uint8_t smux_stream[SMUX_BUF_SIZE];
-static uint32_t smux_stream_len = 0;
+}  // namespace
 
-// Set when the agent ended the last session by refusing a registration. The next session
-// then announces only the daemon's own object: replaying the table would offer the refused
-// subtree again and reconnect forever.
-static int agent_refused_registration = 0;
-
-static smux_pdu pdu;               // the OpenPDU
-static smux_pdu* pdu_p = nullptr;  // the codec's record of the last decoded PDU
-static int count = 1;              // running number of the next packet dump
-
-// ---- descriptor bookkeeping ----------------------------------------------------------------
-
-static void watch_fd(int fd) {
-    FD_SET(fd, &selectfds);
-    if (fd > nfds) {
-        nfds = fd;
-    }
-}
-
-static void forget_fd(int fd) {
-    FD_CLR(fd, &selectfds);
-    FD_CLR(fd, &readyfds);
-    close(fd);
-}
+// ---- connections ---------------------------------------------------------------------------
 
 static void close_agent_connection(void) {
     if (smux_fd != -1) {
         forget_fd(smux_fd);
         smux_fd = -1;
     }
-    smux_stream_len = 0;
-    // The agent drops every registration of a closed session.
-    registry_clear_announced();
+    agent_in.fd = -1;
+    agent_in.len = 0;
+    session_lost();
 }
 
 static void close_dpi_listener(void) {
@@ -102,165 +55,17 @@ static void close_dpi_listener(void) {
     }
 }
 
-void del_sa_fd(int fd) {
-    for (int& slot : sa_fds) {
-        if (slot == fd) {
-            slot = -1;
-            forget_fd(fd);
-            return;
-        }
-    }
-    VX_TRACE(TRACE_LVL2, "Subagent fd not found\n");
-}
+// ---- subagents -----------------------------------------------------------------------------
 
-// ---- packet dumps --------------------------------------------------------------------------
-
-void log_bfr(const unsigned char* buf, int len, const char* label) {
-    if (count == 1) {
-        printf("# ");
-        snmp_print_version();
-    }
-    printf("# Dump of %d byte %s packet, count %d\n", len, label, count);
-    count++;
-    for (int i = 0; i < len; i++) {
-        printf("%2.2x%s", buf[i], (i % 16 == 15) ? "\n" : " ");
-    }
-    printf("\n");
-    fflush(stdout);
-}
-
-// ---- DPI listener and framing --------------------------------------------------------------
-
-int DPI_port(void) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        perror("DPI_port::socket");
-        return -1;
-    }
-    if (fd >= FD_SETSIZE) {
-        fprintf(stderr, "DPI_port: descriptor %d beyond the select set\n", fd);
-        close(fd);
-        return -1;
-    }
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    addr.sin_port = 0;  // the system picks a free port; subagents learn it from the agent
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
-        perror("DPI_port::bind");
-        close(fd);
-        return -1;
-    }
-    (void)listen(fd, 5);
-    socklen_t len = sizeof addr;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
-        perror("DPI_port:getsockname");
-        close(fd);
-        return -1;
-    }
-    dpi_port = ntohs(addr.sin_port);
-    return fd;
-}
-
-// Reads exactly `n` bytes, waiting at most 8 seconds for each piece. Returns `n`, or the
-// last non-positive outcome: 0 for a time-out or the end of the stream, negative for an
-// error.
-static int timed_read(int fd, unsigned char* to, int n) {
-    int got = 0;
-    while (got < n) {
-        fd_set one;
-        FD_ZERO(&one);
-        FD_SET(fd, &one);
-        timeval tv{DPI_WAIT_SECONDS, 0};
-        int ready = select(fd + 1, &one, nullptr, nullptr, &tv);
-        if (ready <= 0) {
-            return ready;
-        }
-        ssize_t r = read(fd, to + got, static_cast<size_t>(n - got));
-        if (r <= 0) {
-            return static_cast<int>(r);
-        }
-        got += static_cast<int>(r);
-    }
-    return got;
-}
-
-static int drop_subagent(int fd) {
-    unregister_fd(fd);
-    return -1;
-}
-
-int read_DPI_packet(int fd, unsigned char* buf, unsigned size) {
-    if (fd < 0 || fd >= FD_SETSIZE || buf == nullptr || size < 2) {
-        return -1;
-    }
-    int rc = timed_read(fd, buf, 2);
-    if (rc == 0) {
-        VX_TRACE(TRACE_LVL1, "EOF received (fd=%d)", fd);
-        return drop_subagent(fd);
-    }
-    if (rc < 0) {
-        VX_TRACE(TRACE_LVL1, "could not read DPI request length (fd=%d)", fd);
-        return drop_subagent(fd);
-    }
-    unsigned body = static_cast<unsigned>(buf[0]) * 256u + buf[1];
-    if (body > size - 2) {
-        // Too large for the caller's buffer: swallow it so that nothing of it is taken for
-        // the start of a packet, then let the subagent go.
-        VX_TRACE(TRACE_LVL1, "DPI packet too large, skipping");
-        unsigned left = body;
-        while (left > 0) {
-            int piece = static_cast<int>(left < size ? left : size);
-            if (timed_read(fd, buf, piece) != piece) {
-                VX_TRACE(TRACE_LVL1, "could not read DPI request body");
-                return drop_subagent(fd);
-            }
-            left -= static_cast<unsigned>(piece);
-        }
-        return drop_subagent(fd);
-    }
-    if (body > 0 && timed_read(fd, buf + 2, static_cast<int>(body)) != static_cast<int>(body)) {
-        VX_TRACE(TRACE_LVL1, "could not read DPI request body");
-        return drop_subagent(fd);
-    }
-    if (tracing & TRACE_LVL3) {
-        log_bfr(buf, static_cast<int>(body + 2), "Incoming DPI packet");
-    }
-    return 0;
-}
-
-int DPIsend(int fd, const unsigned char* packet) {
-    static const unsigned char nothing[1] = {0};
-    int len = 0;
-    if (packet != nullptr) {
-        len = 2 + packet[0] * 256 + packet[1];
-    } else {
-        packet = nothing;
-    }
-    if (tracing & TRACE_LVL3) {
-        log_bfr(packet, len, "Outgoing DPI packet");
-    }
-    ssize_t written = write(fd, packet, static_cast<size_t>(len));
-    if (written < 0) {
-        perror("DPIwrite::write");
-        return static_cast<int>(written);
-    }
-    if (written < len) {
-        VX_SAY("Only %d of %d written on fd %d\n", static_cast<int>(written), len, fd);
-        return -1;
-    }
-    return 0;
-}
-
-int handle_DPI_request(int fd) {
-    unsigned char buffer[DPI_BUF_SIZE];
-
+// Acts on the whole packet of `total` bytes at the start of the subagent's buffer and takes
+// it out. 0, or the result of handle_DPI_request when the subagent was dropped.
+static int handle_DPI_packet(int fd, vx_conn* c, uint32_t total) {
     VX_TRACE(TRACE_LVL1, "handle_DPI_request on fd %d\n", fd);
-    int rc = read_DPI_packet(fd, buffer, sizeof buffer);
-    if (rc != 0) {
-        return rc;
+    if (tracing & TRACE_LVL3) {
+        log_bfr(c->buf, static_cast<int>(total), "Incoming DPI packet");
     }
-    dpi_hdr* tree = pDPIpacket(buffer);
+    dpi_hdr* tree = pDPIpacket(c->buf);
+    conn_consume(c, total);
     if (tree == nullptr) {
         VX_TRACE(TRACE_LVL1, "could not parse DPI request packet");
         unregister_fd(fd);
@@ -315,204 +120,80 @@ int handle_DPI_request(int fd) {
     return 0;
 }
 
-// ---- SMUX session --------------------------------------------------------------------------
-
-int SMUXconnect(void) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        perror("SMUXconnect::socket");
+int handle_DPI_request(int fd, bool readable) {
+    vx_conn* c = subagent_conn(fd);
+    if (c == nullptr) {
         return -1;
+    }
+    if (readable) {
+        int r = conn_recv(c);
+        if (r == 0 || r == -1) {
+            conn_trace_dpi_failure(c, r == 0 ? CONN_END : CONN_ERROR);
+            unregister_fd(fd);
+            return -1;
+        }
+    }
+    for (;;) {
+        uint32_t total = 0;
+        int framed = conn_dpi_frame(c, &total);
+        if (framed == FRAME_PARTIAL) {
+            return 0;
+        }
+        if (framed == FRAME_TOO_LARGE) {
+            conn_trace_dpi_failure(c, CONN_TOO_LARGE);
+            unregister_fd(fd);
+            return -1;
+        }
+        int rc = handle_DPI_packet(fd, c, total);
+        if (rc != 0) {
+            return rc;
+        }
+    }
+}
+
+// A subagent whose packet stops coming in the middle is dropped 8 seconds after its last
+// byte, while everybody else is served meanwhile.
+static int64_t subagent_deadline(int fd) {
+    const vx_conn* c = subagent_conn(fd);
+    if (c == nullptr || c->len == 0) {
+        return INT64_MAX;
+    }
+    return c->last_byte_ns + DPI_WAIT_SECONDS * NS_PER_S;
+}
+
+static void drop_stalled_subagents(int64_t now_ns) {
+    for (int fd : sa_fds) {
+        if (fd >= 0 && subagent_deadline(fd) <= now_ns) {
+            conn_trace_dpi_failure(subagent_conn(fd), CONN_END);
+            unregister_fd(fd);
+        }
+    }
+}
+
+static void accept_subagent(void) {
+    VX_TRACE(TRACE_LVL1, "New DPI subagent...\n");
+    sockaddr_in peer{};
+    socklen_t len = sizeof peer;
+    int fd = accept4(dpi_fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
+    if (fd < 0) {
+        perror("accept");
+        return;
     }
     if (fd >= FD_SETSIZE) {
-        fprintf(stderr, "SMUXconnect: descriptor %d beyond the select set\n", fd);
+        fprintf(stderr, "accept: descriptor %d beyond the select set\n", fd);
         close(fd);
-        return -1;
+        return;
     }
-    // The agent always runs on this host at the SMUX port; neither is configurable.
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(SMUX_PORT);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
-        perror("SMUXconnect::connect");
+    if (add_sa_fd(fd) != 0) {
+        VX_TRACE(TRACE_LVL1, "Max subagents exceeded\n");
         close(fd);
-        return -1;
+        return;
     }
-    return fd;
+    conn_no_delay(fd);
+    VX_TRACE(TRACE_LVL1, "... accepted on fd %d\n", fd);
 }
 
-static void replace_text(char** slot, const char* text) {
-    char* copy = strdup(text);
-    if (copy == nullptr) {
-        return;  // keep the value known so far
-    }
-    if (*slot != nullptr) {
-        explicit_bzero(*slot, strlen(*slot));
-    }
-    free(*slot);
-    *slot = copy;
-}
-
-// Looks `name` up in the peers file; returns the number of lines read.
-static int read_peers_file(const char* name) {
-    static char line[PEERS_LINE_SIZE];
-    static const char separators[] = "\"\n\t\v\f ";
-
-    FILE* f = fopen(peers_path, "r");
-    if (f == nullptr) {
-        VX_SAY("Cannot open file: %s\n", peers_path);
-        return 0;
-    }
-    VX_TRACE(TRACE_LVL1, "Using config file: %s\n", peers_path);
-
-    int lines = 0;
-    while (fgets(line, sizeof line, f) != nullptr) {
-        lines++;
-        if (line[0] == '#') {
-            continue;
-        }
-        char* hash = strchr(line, '#');
-        if (hash != nullptr) {
-            *hash = '\0';
-        }
-        char* fields[PEERS_MAX_FIELDS];
-        int n = 0;
-        char* save = nullptr;
-        for (char* tok = strtok_r(line, separators, &save); tok != nullptr && n < PEERS_MAX_FIELDS;
-             tok = strtok_r(nullptr, separators, &save)) {
-            fields[n++] = tok;
-        }
-        if (n == 0 || strcmp(fields[0], name) != 0) {
-            continue;
-        }
-        if (n > 1) {
-            replace_text(&myoid, fields[1]);
-        }
-        if (n > 2) {
-            replace_text(&mypw, fields[2]);
-        }
-        break;
-    }
-    explicit_bzero(line, sizeof line);  // it may have held the password
-    fclose(f);
-    return lines;
-}
-
-static void wipe_password(void) {
-    if (mypw != nullptr) {
-        explicit_bzero(mypw, strlen(mypw));
-    }
-}
-
-int SMUXopen(const char* name) {
-    int lines = read_peers_file(name);
-    VX_TRACE(TRACE_LVL3, "Using line %d: %s %s\n", lines, name, myoid != nullptr ? myoid : "(null)");
-
-    memset(&pdu, 0, sizeof pdu);
-    pdu.version = 0;
-    pdu.type = SMUX_PDU_OPEN;
-    pdu.oid = myoid != nullptr ? snmp_create_oid_container(myoid) : nullptr;
-    if (pdu.oid == nullptr) {
-        VX_SAY("Cannot create identity\n");
-        return -1;
-    }
-    size_t pw_len = mypw != nullptr ? strlen(mypw) : 0;
-    if (pw_len >= sizeof pdu.password) {
-        // Cutting it would only make the agent refuse the session with a password the
-        // administrator never wrote.
-        VX_SAY("Password for %s in %s is too long: %zu characters, at most %zu\n", name,
-               peers_path, pw_len, sizeof pdu.password - 1);
-        snmp_free_container(pdu.oid);
-        pdu.oid = nullptr;
-        wipe_password();
-        return -1;
-    }
-    static_assert(sizeof banner <= sizeof pdu.description, "banner must fit the OpenPDU");
-    memcpy(pdu.description, banner, sizeof banner - 1);
-    pdu.description_len = sizeof banner - 1;
-    if (pw_len > 0) {
-        memcpy(pdu.password, mypw, pw_len);
-    }
-    pdu.password_len = static_cast<uint32_t>(pw_len);
-
-    uint8_t* buf = nullptr;
-    uint32_t len = 0;
-    int rc = smux_encode_message(&buf, &len, &pdu);
-    VX_RC(rc, "smux_encode_message");
-
-    snmp_free_container(pdu.oid);
-    pdu.oid = nullptr;
-    // The password stays only in the record; a later open sends it again only if the file
-    // still holds it.
-    wipe_password();
-
-    if (rc != 0) {
-        return rc;
-    }
-    return SMUXsend(buf, static_cast<int>(len));
-}
-
-int SMUXsend(const unsigned char* buf, int len) {
-    if (tracing & TRACE_LVL3) {
-        log_bfr(buf, len, "SMUXsend");
-    }
-    ssize_t written = write(smux_fd, buf, static_cast<size_t>(len));
-    if (written < 0) {
-        perror("write");
-        return -1;
-    }
-    if (written < len) {
-        VX_SAY("Only %d of %d written on SMUX fd %d\n", static_cast<int>(written), len, smux_fd);
-        return -1;
-    }
-    return 0;
-}
-
-int SMUXregister(smux_pdu* record) {
-    record->type = SMUX_PDU_RREQ;
-    uint8_t* buf = nullptr;
-    uint32_t len = 0;
-    int rc = smux_encode_message(&buf, &len, record);
-    VX_RC(rc, "smux_encode_message");
-    if (rc != 0) {
-        return rc;
-    }
-    return SMUXsend(buf, static_cast<int>(len));
-}
-
-// Size of the BER element at the start of `data`: 1 and `*total` set when its header is
-// complete, 0 when more bytes are needed to tell, -1 when the header cannot be a SMUX PDU
-// (multi-octet tag, indefinite or over-long length).
-static int smux_frame_length(const uint8_t* data, uint32_t have, uint32_t* total) {
-    if (have < 2) {
-        return 0;
-    }
-    if ((data[0] & 0x1f) == 0x1f) {
-        return -1;
-    }
-    uint8_t first = data[1];
-    if (first < 0x80) {
-        *total = 2u + first;
-        return 1;
-    }
-    uint32_t octets = first & 0x7fu;
-    if (octets == 0 || octets > 4) {
-        return -1;
-    }
-    if (have < 2 + octets) {
-        return 0;
-    }
-    uint64_t len = 0;
-    for (uint32_t i = 0; i < octets; i++) {
-        len = (len << 8) | data[2 + i];
-    }
-    uint64_t size = 2u + octets + len;
-    if (size > UINT32_MAX) {
-        return -1;
-    }
-    *total = static_cast<uint32_t>(size);
-    return 1;
-}
+// ---- the agent -----------------------------------------------------------------------------
 
 // Answers a Get, GetNext or Set in place and sends it back as the GetResponse.
 static int answer_request(smux_pdu* p) {
@@ -520,13 +201,14 @@ static int answer_request(smux_pdu* p) {
     if (req == nullptr) {
         return SNMP_CODEC_BAD_ARGUMENT;
     }
+    if (session_request_eaten()) {
+        // The agent has already failed this request with our RReq as its answer and waits
+        // for it no more; an answer now would be taken as garbage and end the session.
+        VX_TRACE(TRACE_LVL1, "Request %d left unanswered\n", req->request_id);
+        return 0;
+    }
     req->error_status = 0;
     req->error_index = 0;
-
-    // The agent takes any PDU but a Trap that arrives while it waits as the answer, so a
-    // subagent dropped during the request has its withdrawals held back until the answer is
-    // out.
-    smux_request_active = 1;
     for (uint32_t i = 0; i < req->varBind_count; i++) {
         int status = process_req(req->type, &req->varBinds[i]);
         if (status != 0) {
@@ -545,12 +227,7 @@ static int answer_request(smux_pdu* p) {
     if (rc == 0) {
         rc = SMUXsend(buf, static_cast<int>(len));
     }
-    smux_request_active = 0;
-    if (rc != 0) {
-        return rc;
-    }
-    rc = registry_send_held_deletes();
-    VX_RC(rc, "registry_send_held_deletes");
+    session_activity(vx_now_ns());
     return rc;
 }
 
@@ -561,9 +238,8 @@ static int handle_smux_pdu(smux_pdu* p) {
         VX_SAY("SMUX CLOSE received\n");
         return -1;
     case SMUX_PDU_RRSP:
-        if (p->code < 0) {
+        if (session_rrsp(p->code) != 0) {
             VX_SAY("Registration failed\n");
-            agent_refused_registration = 1;
             return -1;
         }
         process_dpi_trapv1(0, 0, myoid, nullptr);
@@ -588,27 +264,17 @@ static int handle_smux_pdu(smux_pdu* p) {
 }
 
 int handle_smux(void) {
-    if (smux_fd < 0 || smux_fd >= FD_SETSIZE) {
-        return -1;
+    int got = conn_recv(&agent_in);
+    if (got == -2) {
+        return 0;  // nothing there after all
     }
-    fd_set one;
-    FD_ZERO(&one);
-    FD_SET(smux_fd, &one);
-    timeval tv{0, 0};
-    if (select(smux_fd + 1, &one, nullptr, nullptr, &tv) != 1) {
-        perror("handle_smux::select");
-        return -1;
-    }
-
-    uint8_t* room = smux_stream + smux_stream_len;
-    ssize_t got = read(smux_fd, room, sizeof smux_stream - smux_stream_len);
     if (got < 0) {
         perror("handle_smux::read");
         return -1;
     }
     if (got == 0) {
         VX_SAY("EOF received on SMUX fd: %d\n", smux_fd);
-        if (smux_stream_len > 0) {
+        if (agent_in.len > 0) {
             // The stream ended inside a PDU.
             VX_RC(SNMP_CODEC_MALFORMED, "smux_decode_message");
             return SNMP_CODEC_MALFORMED;
@@ -616,41 +282,33 @@ int handle_smux(void) {
         return -1;
     }
     if (tracing & TRACE_LVL3) {
-        log_bfr(room, static_cast<int>(got), "Incoming SMUX packet");
+        log_bfr(agent_in.buf + agent_in.len - got, got, "Incoming SMUX packet");
     }
-    smux_stream_len += static_cast<uint32_t>(got);
+    session_activity(agent_in.last_byte_ns);
 
-    uint32_t used = 0;
-    int rc = 0;
-    while (used < smux_stream_len) {
-        uint32_t have = smux_stream_len - used;
+    for (;;) {
         uint32_t total = 0;
-        int framed = smux_frame_length(smux_stream + used, have, &total);
-        if (framed == 0 || (framed == 1 && total <= sizeof smux_stream && total > have)) {
-            break;  // the rest comes with a later read
+        int framed = conn_smux_frame(&agent_in, &total);
+        if (framed == FRAME_PARTIAL) {
+            return 0;  // the rest comes with a later read
         }
-        if (framed < 0) {
-            rc = SNMP_CODEC_MALFORMED;
-        } else if (total > sizeof smux_stream) {
+        int rc = SNMP_CODEC_MALFORMED;
+        smux_pdu* p = nullptr;
+        if (framed == FRAME_TOO_LARGE) {
             rc = SNMP_CODEC_NO_ROOM;
-        } else {
-            rc = smux_decode_message(smux_stream + used, total, &pdu_p);
+        } else if (framed == FRAME_WHOLE) {
+            rc = smux_decode_message(agent_in.buf, total, &p);
         }
         VX_RC(rc, "smux_decode_message");
         if (rc != 0) {
             return rc;
         }
-        used += total;
-        rc = handle_smux_pdu(pdu_p);
+        conn_consume(&agent_in, total);
+        rc = handle_smux_pdu(p);
         if (rc != 0) {
             return rc;
         }
     }
-    smux_stream_len -= used;
-    if (used > 0 && smux_stream_len > 0) {
-        memmove(smux_stream, smux_stream + used, smux_stream_len);
-    }
-    return 0;
 }
 
 // ---- start-up and the loop -----------------------------------------------------------------
@@ -665,7 +323,8 @@ void init_smux_dpi_fds(void) {
         VX_SAY("Connect to agent failed, will retry\n");
         return;
     }
-    smux_stream_len = 0;
+    agent_in.fd = smux_fd;
+    agent_in.len = 0;
     VX_TRACE(TRACE_LVL1, "SMUX fd: %d\n", smux_fd);
 
     if (dpi_fd == -1) {
@@ -695,18 +354,9 @@ void init_smux_dpi_fds(void) {
     }
 
     // A new session starts with nothing registered at the agent, so the subagents' subtrees
-    // are announced again, unless the agent ended the last session by refusing one of them.
-    if (!agent_refused_registration) {
-        rc = register_subtrees();
-        VX_RC(rc, "register_subtrees");
-        if (rc != 0) {
-            VX_TRACE(TRACE_LVL1, "Error on register_subtrees\n");
-            close_agent_connection();
-            return;
-        }
-    }
-    agent_refused_registration = 0;
-
+    // are announced again (all but one the agent refused before).
+    session_opened();
+    register_subtrees();
     char subtree[sizeof dpi_port_subtree];
     memcpy(subtree, dpi_port_subtree, sizeof subtree);
     (void)register_object(subtree, -1);
@@ -714,49 +364,71 @@ void init_smux_dpi_fds(void) {
     VX_SAY("%s connected to agent, ready to receive requests.....\n", myname);
 }
 
-static void accept_subagent(void) {
-    VX_TRACE(TRACE_LVL1, "New DPI subagent...\n");
-    sockaddr_in peer{};
-    socklen_t len = sizeof peer;
-    int fd = accept4(dpi_fd, reinterpret_cast<sockaddr*>(&peer), &len, SOCK_CLOEXEC);
-    if (fd < 0) {
-        perror("accept");
-        return;
-    }
-    if (fd >= FD_SETSIZE) {
-        fprintf(stderr, "accept: descriptor %d beyond the select set\n", fd);
-        close(fd);
-        return;
-    }
-    for (int& slot : sa_fds) {
-        if (slot == -1) {
-            slot = fd;
-            watch_fd(fd);
-            VX_TRACE(TRACE_LVL1, "... accepted on fd %d\n", fd);
-            return;
-        }
-    }
-    VX_TRACE(TRACE_LVL1, "Max subagents exceeded\n");
-    close(fd);
-}
-
-static int ready(int fd) {
+static bool ready(int fd) {
     return fd >= 0 && FD_ISSET(fd, &readyfds);
 }
 
-// A request forwarded earlier in the same pass may already have read what made a subagent's
-// socket ready (a TRAP sent while its RESPONSE was awaited). Serving the socket on the old
-// readiness would block in the 8-second wait and then drop a healthy subagent.
-static int still_readable(int fd) {
-    pollfd p{};
-    p.fd = fd;
-    p.events = POLLIN;
-    return poll(&p, 1, 0) > 0;
+// The earliest moment the loop has something to do without any socket becoming readable.
+static int64_t next_deadline(int64_t now_ns) {
+    int64_t next = session_next_flush();
+    if (smux_fd == -1) {
+        int64_t retry = now_ns + AGENT_RETRY_SECONDS * NS_PER_S;
+        next = retry < next ? retry : next;
+    }
+    for (int fd : sa_fds) {
+        int64_t d = subagent_deadline(fd);
+        next = d < next ? d : next;
+    }
+    return next;
+}
+
+// The agent learns that the session ends rather than finding the connection gone, and so
+// does every subagent; then the process ends.
+[[noreturn]] static void stop_daemon(void) {
+    VX_SAY("%s stopping on signal %d\n", myname, static_cast<int>(stop_signal));
+    SMUXclose(SMUX_CLOSE_GOING_DOWN);
+    for (int fd : sa_fds) {
+        if (fd >= 0) {
+            (void)DPIsend(fd, mkDPIclose(DPI_CLOSE_GOING_DOWN));
+            del_sa_fd(fd);
+        }
+    }
+    close_agent_connection();
+    close_dpi_listener();
+    session_counts n = session_get_counts();
+    VX_SAY("%lu RReqs sent, %lu taken by the agent as answers\n", n.rreqs_sent, n.rreqs_eaten);
+    registry_release();
+    session_release();
+    fflush(stdout);
+    exit(0);
+}
+
+static void on_stop_signal(int sig) {
+    stop_signal = sig;
+}
+
+// The stop signals are blocked except while the loop waits, so one that comes during a
+// forwarded request lets that request finish, and one that comes between two waits is
+// seen by the next wait at once.
+static void set_up_signals(sigset_t* wait_mask) {
+    signal(SIGPIPE, SIG_IGN);  // a vanished peer must fail the write, not end the daemon
+    struct sigaction sa{};
+    sa.sa_handler = on_stop_signal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+    sigset_t block;
+    sigemptyset(&block);
+    sigaddset(&block, SIGTERM);
+    sigaddset(&block, SIGINT);
+    sigprocmask(SIG_BLOCK, &block, wait_mask);
+    sigdelset(wait_mask, SIGTERM);
+    sigdelset(wait_mask, SIGINT);
 }
 
 [[noreturn]] static void usage(const char* program) {
     printf("usage:  %s [-d [level]]\n", program);
-    printf("\n%s\n", banner);
+    printf("\n%s\n", varnex2_banner);
     exit(1);
 }
 
@@ -805,7 +477,7 @@ static void set_tracing(int level) {
     if (tracing & (1 | 2 | 4)) {
         snmp_debug_init();
     }
-    printf("\n%s\n", banner);
+    printf("\n%s\n", varnex2_banner);
 }
 
 // The identity name is the program's file name, less a leading "smux." when something
@@ -821,6 +493,21 @@ static const char* identity_name(const char* program) {
         name += sizeof prefix - 1;
     }
     return name;
+}
+
+// VARNEX2_DPI_ADDRESS limits who can reach the DPI port. A value that is not an address
+// ends the daemon before it connects anywhere, rather than listening wider than meant.
+static void read_listen_address(void) {
+    const char* text = getenv("VARNEX2_DPI_ADDRESS");
+    if (text == nullptr) {
+        return;
+    }
+    in_addr addr{};
+    if (inet_pton(AF_INET, text, &addr) != 1) {
+        fprintf(stderr, "varnex2: VARNEX2_DPI_ADDRESS=\"%s\" is not an IPv4 address\n", text);
+        exit(1);
+    }
+    dpi_listen_address = addr.s_addr;
 }
 
 int main(int argc, char** argv) {
@@ -839,23 +526,37 @@ int main(int argc, char** argv) {
         }
     }
     myname = identity_name(program);
+    read_listen_address();
 
-    VX_SAY("%s, starting...\n%s\n", myname, banner);
-    signal(SIGPIPE, SIG_IGN);  // a vanished peer must fail the write, not end the daemon
+    VX_SAY("%s, starting...\n%s\n", myname, varnex2_banner);
+    sigset_t wait_mask;
+    set_up_signals(&wait_mask);
 
     FD_ZERO(&selectfds);
     FD_ZERO(&readyfds);
     nfds = 0;
     init_smux_dpi_fds();
-    for (int& slot : sa_fds) {
-        slot = -1;
-    }
 
     while (forever) {
+        if (stop_signal != 0) {
+            stop_daemon();
+        }
         readyfds = selectfds;
-        timeval retry{AGENT_RETRY_SECONDS, 0};
-        int n = select(nfds + 1, &readyfds, nullptr, nullptr, smux_fd == -1 ? &retry : nullptr);
+        int64_t now = vx_now_ns();
+        int64_t deadline = next_deadline(now);
+        timespec wait{};
+        timespec* limit = nullptr;
+        if (deadline != INT64_MAX) {
+            int64_t left = deadline > now ? deadline - now : 0;
+            wait.tv_sec = static_cast<time_t>(left / NS_PER_S);
+            wait.tv_nsec = static_cast<long>(left % NS_PER_S);
+            limit = &wait;
+        }
+        int n = pselect(nfds + 1, &readyfds, nullptr, nullptr, limit, &wait_mask);
         if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
             perror("select");
             VX_SAY("Error on select");
             exit(0);
@@ -863,9 +564,6 @@ int main(int argc, char** argv) {
         VX_TRACE(TRACE_LVL1, "select returned %d fds\n", n);
 
         init_smux_dpi_fds();
-        if (n == 0) {
-            continue;
-        }
         if (ready(smux_fd)) {
             VX_TRACE(TRACE_LVL1, "SMUX request\n");
             if (handle_smux() != 0) {
@@ -876,13 +574,24 @@ int main(int argc, char** argv) {
         if (ready(dpi_fd)) {
             accept_subagent();
         }
-        for (int i = 0; i < MAX_SUBAGENTS; i++) {
-            int fd = sa_fds[i];
-            if (ready(fd) && still_readable(fd)) {
+        for (int fd : sa_fds) {
+            if (fd < 0) {
+                continue;
+            }
+            bool readable = ready(fd);
+            if (readable) {
                 FD_CLR(fd, &readyfds);
                 VX_TRACE(TRACE_LVL1, "DPI request on fd %d\n", fd);
-                (void)handle_DPI_request(fd);
             }
+            // Packets may wait in the buffer without the socket being readable: a forwarded
+            // request read them along with its answer.
+            (void)handle_DPI_request(fd, readable);
+        }
+        now = vx_now_ns();
+        drop_stalled_subagents(now);
+        if (session_flush(now) != 0) {
+            VX_SAY("Lost connection to agent\n");
+            close_agent_connection();
         }
     }
     return 0;
