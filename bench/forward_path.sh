@@ -1,0 +1,401 @@
+#!/usr/bin/env bash
+# forward_path.sh: what it costs to serve objects through snmpd by each path a subagent can
+# take, measured end to end with net-snmp's own clients:
+#
+#   agentx   snmpd --AgentX--> subagent on net-snmp's agent library   (fwd_agentx_subagent)
+#   smux     snmpd --SMUX--> bare SMUX peer                           (fwd_smux_peer)
+#   varnex2  snmpd --SMUX--> varnex2 --DPI--> minimal DPI subagent    (fwd_dpi_subagent)
+#
+# Each subagent serves the same OBJECTS INTEGER objects 1.3.6.1.4.1.99999.2.1.n = n. For
+# every round and path a fresh snmpd (one configuration for all paths) and the path's own
+# processes are started, one untimed walk warms them up, then WALKS timed snmpbulkwalk runs
+# (v2c, default max-repetitions) and WALKS timed snmpwalk -v2c runs go over the subtree.
+# Reported: objects per second of each walk kind, and the CPU time per object walked (both
+# kinds together) of snmpd, the daemon and the subagent, each the median over the rounds;
+# ratios are against the first path. The paths take turns within a round, in an order
+# rotated each round. A walk's time is taken net of the client's own start-up, which the
+# same run measures as WALKS walks of an empty subtree (shown per run: it is a large part
+# of a walk of 1000 objects, and would otherwise pull every ratio towards 1).
+# CPU time comes from /proc/<pid>/schedstat (nanoseconds), or, where the kernel lacks it,
+# from utime+stime in /proc/<pid>/stat, whose 10 ms ticks are coarse for one run.
+#
+# Usage, as root (it enters private network, mount and PID namespaces, so nothing outside
+# is touched; it builds what it needs first, and stops everything it started however it
+# ends):
+#   bash bench/forward_path.sh
+#   ROUNDS=1 OBJECTS=200 WALKS=1 bash bench/forward_path.sh      # a quick check
+# Environment:
+#   ROUNDS      rounds, each running every path once (default 5)
+#   OBJECTS     objects served and walked (default 1000)
+#   WALKS       timed walks of each kind per path and round (default 3)
+#   PATHS       ids of the paths to run, first one the reference (default: all, as above)
+#   BUILD_DIR   build directory (default build)
+#   TIME_LIMIT  seconds after which everything is stopped (default 120 + 60 per round)
+#   KEEP_LOGS=1 keep the working directory with configuration, logs and raw results
+#
+# To add a path: write a start function that starts its processes with `launch ROLE
+# PROGRAM ARGS...` (ROLE daemon or subagent; snmpd is already running, and the path is
+# ready once both ends of the subtree answer) and add one `add_path` line below.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+
+ROUNDS=${ROUNDS:-5}
+OBJECTS=${OBJECTS:-1000}
+WALKS=${WALKS:-3}
+TIME_LIMIT=${TIME_LIMIT:-$((120 + 60 * ROUNDS))}
+BUILD_DIR=${BUILD_DIR:-build}
+case $BUILD_DIR in /*) build=$BUILD_DIR ;; *) build=$root/$BUILD_DIR ;; esac
+
+readonly subtree=1.3.6.1.4.1.99999.2
+readonly column=$subtree.1
+# Nothing is registered here: a walk of it costs the client its start-up and little else.
+readonly empty_subtree=1.3.6.1.4.1.99999.3
+
+# ---------------------------------------------------------------------------------------
+# The paths
+# ---------------------------------------------------------------------------------------
+path_ids=()
+declare -A path_label path_start path_targets
+# add_path ID LABEL START_FUNCTION CMAKE_TARGETS
+add_path() {
+  path_ids+=("$1")
+  path_label[$1]=$2
+  path_start[$1]=$3
+  path_targets[$1]=$4
+}
+
+start_agentx() {
+  launch subagent "$build/bench/fwd_agentx_subagent" -n "$OBJECTS" -x "$work/agentx.sock"
+}
+start_smux() {
+  launch subagent "$build/bench/fwd_smux_peer" -n "$OBJECTS"
+}
+start_varnex2() {
+  # Started under its own file name, varnex2, which is its identity in the peers file.
+  launch daemon "$build/snmp/daemon/varnex2"
+  wait_for varnex2 10 in_log "$run_dir/daemon.log" "ready to receive requests"
+  launch subagent "$build/bench/fwd_dpi_subagent" -n "$OBJECTS"
+}
+
+add_path agentx "AgentX subagent on net-snmp's agent library" start_agentx fwd_agentx_subagent
+add_path smux "bare SMUX peer, hand-written" start_smux fwd_smux_peer
+add_path varnex2 "snmpd → varnex2 → minimal DPI subagent" start_varnex2 \
+  "varnex2 fwd_dpi_subagent"
+
+read -r -a selected <<<"${PATHS:-${path_ids[*]}}"
+for id in "${selected[@]}"; do
+  [ -n "${path_label[$id]+set}" ] || { echo "forward_path.sh: no path '$id' (have: ${path_ids[*]})" >&2; exit 2; }
+done
+for v in ROUNDS OBJECTS WALKS TIME_LIMIT; do
+  [[ ${!v} =~ ^[1-9][0-9]*$ ]] || { echo "forward_path.sh: $v must be a positive number" >&2; exit 2; }
+done
+
+# ---------------------------------------------------------------------------------------
+# Outside: check, build, then run the rest of this script in new namespaces, bounded.
+# ---------------------------------------------------------------------------------------
+if [ "${VX_FWD_INSIDE:-}" != 1 ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "forward_path.sh needs root: it runs snmpd on ports 161 and 199 in private network," \
+      "mount and PID namespaces (unshare) and bind-mounts its own /etc/snmpd.peers there." >&2
+    exit 1
+  fi
+  bash scripts/install-deps.sh
+  targets=()
+  for id in "${selected[@]}"; do
+    read -r -a t <<<"${path_targets[$id]}"
+    targets+=("${t[@]}")
+  done
+  build_log=$(mktemp)
+  # A build directory configured before keeps its build type; a new one gets an optimised
+  # build. Sanitizer builds have no benchmark programs.
+  configure=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+  [ -f "$build/CMakeCache.txt" ] && configure=()
+  if ! { cmake -S . -B "$build" "${configure[@]}" &&
+         cmake --build "$build" -j2 --target "${targets[@]}"; } >"$build_log" 2>&1; then
+    cat "$build_log" >&2
+    rm -f "$build_log"
+    echo "forward_path.sh: the build failed (output above)" >&2
+    exit 1
+  fi
+  rm -f "$build_log"
+
+  work=$(mktemp -d /tmp/varnex2-fwdbench.XXXXXX)
+  # A bind mount needs a target: made for the run if this machine has no peers file.
+  made_peers=0
+  if [ ! -e /etc/snmpd.peers ]; then
+    : >/etc/snmpd.peers
+    made_peers=1
+  fi
+  cleanup_outside() {
+    [ "$made_peers" = 1 ] && rm -f /etc/snmpd.peers
+    if [ "${KEEP_LOGS:-}" = 1 ]; then
+      echo "logs and raw results kept in $work"
+    else
+      rm -rf "$work"
+    fi
+  }
+  trap cleanup_outside EXIT
+
+  # The namespace's first process is the inner shell: when it ends, the kernel ends every
+  # process left in the namespace. timeout stops it with SIGTERM at the limit (its EXIT trap
+  # stops the processes in order), and with SIGKILL 15 s later if that hangs.
+  VX_FWD_INSIDE=1 VX_FWD_WORK=$work VX_FWD_BUILD=$build \
+    timeout -k 15 "$TIME_LIMIT" unshare -n -m -p --fork --mount-proc --kill-child -- \
+    bash "$0" &
+  runner=$!
+  trap 'kill -TERM "$runner" 2>/dev/null || true' INT TERM
+  rc=0
+  wait "$runner" || rc=$?
+  while kill -0 "$runner" 2>/dev/null; do
+    rc=0
+    wait "$runner" || rc=$?
+  done
+  [ "$rc" = 124 ] && echo "forward_path.sh: stopped at the time limit of ${TIME_LIMIT}s" >&2
+  exit "$rc"
+fi
+
+# ---------------------------------------------------------------------------------------
+# Inside the private namespaces: this shell is PID 1.
+# ---------------------------------------------------------------------------------------
+work=$VX_FWD_WORK
+build=$VX_FWD_BUILD
+run_dir=$work
+declare -A pid_of
+run_roles=()
+
+# launch ROLE PROGRAM ARGS...: starts a process of the current run, output to ROLE.log.
+launch() {
+  local role=$1
+  shift
+  command -v "$1" >/dev/null || { echo "forward_path.sh: $1 is missing (not built?)" >&2; exit 1; }
+  "$@" >"$run_dir/$role.log" 2>&1 </dev/null &
+  pid_of[$role]=$!
+  run_roles+=("$role")
+}
+
+stop_pid() {
+  local pid=$1
+  kill -TERM "$pid" 2>/dev/null || { wait "$pid" 2>/dev/null || true; return 0; }
+  for _ in $(seq 30); do
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.1
+  done
+  kill -KILL "$pid" 2>/dev/null || true
+  wait "$pid" 2>/dev/null || true
+}
+
+# Newest first: the subagent closes its session, then the daemon, then snmpd.
+stop_run() {
+  local i
+  for ((i = ${#run_roles[@]} - 1; i >= 0; i--)); do
+    stop_pid "${pid_of[${run_roles[i]}]}"
+  done
+  run_roles=()
+  pid_of=()
+}
+
+# Earlier runs were stopped as they ended; anything else still here goes with this shell.
+stop_everything() {
+  stop_run
+  umount /etc/snmpd.peers 2>/dev/null || true
+}
+trap stop_everything EXIT
+trap 'exit 143' TERM
+trap 'exit 130' INT
+
+# wait_for WHAT SECONDS TEST...: polls TEST every 0.1 s; on failure shows the run's logs.
+wait_for() {
+  local what=$1 secs=$2
+  shift 2
+  for _ in $(seq $((secs * 10))); do
+    "$@" && return 0
+    sleep 0.1
+  done
+  echo "forward_path.sh: $what not ready within ${secs}s; logs of $run_dir:" >&2
+  tail -n 20 "$run_dir"/*.log >&2 || true
+  exit 1
+}
+in_log() { grep -q -- "$2" "$1" 2>/dev/null; }
+# Looked up with ss, never by connecting: snmpd blocks on a SMUX connection that sends
+# nothing.
+agent_listening() {
+  [ -n "$(ss -Hlun 'sport = :161')" ] && [ -n "$(ss -Hltn 'sport = :199')" ] &&
+    [ -S "$work/agentx.sock" ]
+}
+# Both ends of the subtree answer: the subagent is registered and snmpd routes to it.
+objects_served() {
+  local got
+  got=$(snmpget -v2c -c public -On -Oqv -t 1 -r 0 127.0.0.1 "$column.1" "$column.$OBJECTS" \
+    2>/dev/null | tr '\n' ' ') || return 1
+  [ "$got" = "1 $OBJECTS " ]
+}
+
+# walk KIND ROOT: one walk; prints the number of lines the client wrote.
+walk() {
+  local client=snmpbulkwalk
+  [ "$1" = plain ] && client=snmpwalk
+  # A failed walk shows as a short count, which the caller reports.
+  { timeout 60 "$client" -v2c -c public -On -Oq -t 5 -r 0 127.0.0.1 "$2" \
+      2>>"$run_dir/client.log" || true; } | wc -l
+}
+# walks KIND: WALKS walks of the subtree; fails unless each returned every object.
+walks() {
+  local n
+  for _ in $(seq "$WALKS"); do
+    n=$(walk "$1" "$subtree")
+    if [ "$n" != "$OBJECTS" ]; then
+      echo "forward_path.sh: $1 walk over $path returned $n objects, not $OBJECTS" >&2
+      tail -n 20 "$run_dir"/*.log >&2 || true
+      exit 1
+    fi
+  done
+}
+# empty_walks KIND: WALKS walks of the empty subtree.
+empty_walks() {
+  for _ in $(seq "$WALKS"); do walk "$1" "$empty_subtree" >/dev/null; done
+}
+
+clk_tck=$(getconf CLK_TCK)
+if [ -r /proc/self/schedstat ]; then cpu_source=schedstat; else cpu_source=stat; fi
+# cpu_ns PID: CPU time the process has used so far, in nanoseconds.
+cpu_ns() {
+  if [ "$cpu_source" = schedstat ]; then
+    local run _
+    read -r run _ <"/proc/$1/schedstat"
+    echo "$run"
+  else
+    local stat
+    stat=$(<"/proc/$1/stat")
+    # Fields after the command name, which may hold spaces: utime and stime are 12th, 13th.
+    set -- ${stat##*) }
+    echo $(((${12} + ${13}) * 1000000000 / clk_tck))
+  fi
+}
+
+mount --make-rprivate /
+ip link set lo up
+printf 'varnex2 1.3.6.1.4.1.99999.1 secret\n' >"$work/snmpd.peers"
+mount --bind "$work/snmpd.peers" /etc/snmpd.peers
+mkdir -p "$work/persist" "$work/conf"
+export MIBS= SNMP_PERSISTENT_DIR=$work/persist SNMPCONFPATH=$work/conf
+# One configuration for every path: SMUX for the peers, AgentX for the subagents.
+cat >"$work/snmpd.conf" <<EOF
+agentaddress udp:127.0.0.1:161
+smuxsocket 127.0.0.1
+smuxpeer .1.3.6.1.4.1.99999.1 secret
+master agentx
+agentXSocket $work/agentx.sock
+rocommunity public 127.0.0.1
+dontLogTCPWrappersConnects yes
+EOF
+: >"$work/results"
+roles=(snmpd daemon subagent)
+
+# run_path ROUND ID: one measured run of a path, appended to the results.
+run_path() {
+  local round=$1
+  path=$2
+  run_dir=$work/round$round-$path
+  mkdir -p "$run_dir"
+  rm -f "$work/agentx.sock"
+  launch snmpd snmpd -f -Lo -C -c "$work/snmpd.conf" -p "$run_dir/snmpd.pid"
+  wait_for snmpd 10 agent_listening
+  "${path_start[$path]}"
+  wait_for "path $path" 30 objects_served
+  walks bulk  # warm-up
+  # The clients' own fixed cost per walk, taken off the timed walks below.
+  local e0=$EPOCHREALTIME
+  empty_walks bulk
+  local e1=$EPOCHREALTIME
+  empty_walks plain
+  local e2=$EPOCHREALTIME
+  local role
+  declare -A before=()
+  for role in "${run_roles[@]}"; do before[$role]=$(cpu_ns "${pid_of[$role]}"); done
+  local t0=$EPOCHREALTIME
+  walks bulk
+  local t1=$EPOCHREALTIME
+  walks plain
+  local t2=$EPOCHREALTIME
+  local cpu=()
+  for role in "${roles[@]}"; do
+    if [ -n "${pid_of[$role]+set}" ]; then
+      cpu+=($(($(cpu_ns "${pid_of[$role]}") - before[$role])))
+    else
+      cpu+=(-)
+    fi
+  done
+  stop_run
+  # One line: round, path, bulk and plain obj/s, µs per object of each role (- for none),
+  # then the client's fixed cost per bulk and plain walk in ms.
+  awk -v r="$round" -v p="$path" -v w="$WALKS" -v n=$((WALKS * OBJECTS)) -v c="${cpu[*]}" \
+    -v e0="$e0" -v e1="$e1" -v e2="$e2" -v t0="$t0" -v t1="$t1" -v t2="$t2" '
+    # Only when the machine is busy enough for an empty walk to take as long as a full one
+    # is there nothing to take off; the run then counts the start-up in.
+    function rate(walked, empty) {
+      if (walked > empty) return n / (walked - empty)
+      print "forward_path.sh: empty walks took as long as full ones; start-up not taken off" > "/dev/stderr"
+      return n / walked
+    }
+    BEGIN {
+      split(c, cpu, " ")
+      line = sprintf("%s %s %.1f %.1f", r, p, rate(t1 - t0, e1 - e0), rate(t2 - t1, e2 - e1))
+      for (i = 1; i <= 3; i++) {
+        line = line " " (cpu[i] == "-" ? "-" : sprintf("%.3f", cpu[i] / 1000 / (2 * n)))
+      }
+      print line sprintf(" %.1f %.1f", (e1 - e0) * 1000 / w, (e2 - e1) * 1000 / w)
+    }' >>"$work/results"
+  tail -n 1 "$work/results" | awk -v rounds="$ROUNDS" '
+    function us(x) { return x == "-" ? "–" : sprintf("%.1f", x) }
+    { printf "round %d/%d  %-8s  bulk %6.0f obj/s  walk %6.0f obj/s  CPU µs/object %s / %s / %s" \
+        "  (client start-up %s / %s ms)\n", $1, rounds, $2, $3, $4, us($5), us($6), us($7), $8, $9 }'
+}
+
+echo "forward_path.sh: $OBJECTS objects, $ROUNDS rounds of $WALKS snmpbulkwalk + $WALKS snmpwalk" \
+  "runs per path; $(snmpd -v | awk '/version/ { print "net-snmp " $3; exit }'); CPU from $cpu_source"
+n=${#selected[@]}
+for round in $(seq "$ROUNDS"); do
+  for ((k = 0; k < n; k++)); do
+    run_path "$round" "${selected[(k + round - 1) % n]}"
+  done
+done
+
+# Medians per path, then the table with ratios against the first path.
+labels=$(for id in "${selected[@]}"; do printf '%s\t%s\n' "$id" "${path_label[$id]}"; done)
+echo
+awk -v order="${selected[*]}" -v labels="$labels" '
+  function median(list,    v, m, i, j, t) {
+    m = split(list, v, " ")
+    if (m == 0 || v[1] == "-") return "-"
+    for (i = 2; i <= m; i++) {
+      t = v[i] + 0
+      for (j = i - 1; j >= 1 && v[j] + 0 > t; j--) v[j + 1] = v[j]
+      v[j + 1] = t
+    }
+    return m % 2 ? v[(m + 1) / 2] : (v[m / 2] + v[m / 2 + 1]) / 2
+  }
+  function grouped(x,    s, out) {
+    s = sprintf("%.0f", x)
+    for (out = ""; length(s) > 3; s = substr(s, 1, length(s) - 3)) out = "," substr(s, length(s) - 2) out
+    return s out
+  }
+  function us(x) { return x == "-" ? "–" : sprintf(x < 10 ? "%.1f" : "%.0f", x) }
+  function ratio(x, ref) { return sprintf(" (%.2f×)", x / ref) }
+  { for (i = 3; i <= 7; i++) col[$2, i] = col[$2, i] (col[$2, i] == "" ? "" : " ") $i }
+  END {
+    split(labels, l, "\n")
+    for (i in l) { split(l[i], kv, "\t"); label[kv[1]] = kv[2] }
+    m = split(order, ids, " ")
+    print "| path | snmpbulkwalk obj/s | snmpwalk v2c obj/s | CPU µs per object (snmpd / daemon / subagent) |"
+    print "|---|---|---|---|"
+    for (j = 1; j <= m; j++) {
+      id = ids[j]
+      for (i = 3; i <= 7; i++) med[i] = median(col[id, i])
+      if (j == 1) { ref_bulk = med[3]; ref_plain = med[4] }
+      bulk = grouped(med[3]) (j > 1 ? ratio(med[3], ref_bulk) : "")
+      plain = grouped(med[4]) (j > 1 ? ratio(med[4], ref_plain) : "")
+      printf "| %s | %s | %s | %s / %s / %s |\n", label[id], bulk, plain, us(med[5]), us(med[6]), us(med[7])
+    }
+    printf "medians of %d rounds; (×) relative to the first row\n", NR / m
+  }' "$work/results"
