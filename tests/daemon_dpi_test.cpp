@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -225,4 +226,32 @@ TEST(DaemonDpi, StalledSubagentDropped) {
     expect_served(&next, 10);
     close(next.fd);
     EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "EOF received (fd="), 1);
+}
+
+// A subagent that sends its packet a byte at a time holds nobody up: the others are served
+// at once while its bytes wait, and its packet is answered when whole, however long that
+// took. Once its bytes stop coming in the middle of a packet it is dropped, 8 seconds after
+// the last one.
+TEST(DaemonDpi, DribblingSubagentHoldsNobodyUp) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    vx_stream other = subagent(&s);
+    vx_stream slow = subagent(&s);
+    const bytes packet = vx_dpi_simple(77, 15);
+    uint16_t probe = 1;
+    for (uint8_t byte : packet) {
+        ASSERT_TRUE(vx_send_all(slow.fd, {byte}));
+        const auto t0 = std::chrono::steady_clock::now();
+        expect_served(&other, probe++);
+        EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+        usleep(1200 * 1000);  // 8 bytes: ten seconds in all
+    }
+    expect_dpi(&slow, vx_dpi_response(77, 0));
+
+    ASSERT_TRUE(vx_send_all(slow.fd, bytes(packet.begin(), packet.begin() + 4)));
+    EXPECT_FALSE(vx_wait_closed(slow.fd, 5000));
+    EXPECT_TRUE(vx_wait_closed(slow.fd, 6000));
+    expect_served(&other, probe);
+    EXPECT_NE(daemon_log(&s).find("could not read DPI request body"), std::string::npos);
 }

@@ -282,6 +282,50 @@ TEST(DaemonSmux, SubtreesReplayedAfterReopen) {
     expect_next(&s, smux_rreq("1.3.6.1.2.1.99", 0));
 }
 
+// A request that arrives while an RReq is unanswered shows that the agent took the RReq as
+// its answer: the request goes unanswered (and reaches no subagent), and the RReq is sent
+// again. Adds and deletes alike, also when the Get that ate it starts a Set that the agent
+// then rolls back.
+TEST(DaemonSmux, RReqTakenAsAnAnswerIsSentAgain) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(start_session(&s, {}));
+    s.auto_rrsp = false;
+    const std::string group = "1.3.6.1.4.1.2.6.1";
+    const bytes add = smux_rreq(group, 2), del = smux_rreq(group, 0);
+    const bytes get = snmp_pdu_bytes(0xa0, 1, 0, 0, {{group + ".1.0", {}}});
+    vx_stream sa = subagent(&s);
+    register_subagent(&s, &sa, group + ".", 1, false);
+
+    expect_next(&s, add);
+    ASSERT_TRUE(agent_send(&s, get));  // eats the add
+    expect_next(&s, add);
+    ASSERT_TRUE(agent_send(&s, vx_smux_rrsp(0)));
+    // Nothing is unanswered now: a Get is forwarded, once.
+    ASSERT_TRUE(agent_send(&s, get));
+    vx_dpi_msg q;
+    ASSERT_TRUE(vx_dpi_next(&sa, &q, 3000));
+    EXPECT_EQ(q.type, 1);
+    ASSERT_TRUE(vx_send_all(sa.fd, vx_dpi_response(q.packet_id, 0, q.group, "1.0", 129,
+                                                   vx_hex("00 00 00 07"))));
+    bytes answer;
+    ASSERT_EQ(agent_next(&s, &answer, 3000), PEER_OK);
+    EXPECT_EQ(answer[0], 0xa2);
+
+    // The subagent leaves; the delete is eaten by a Get, then by a Set's Get, whose rollback
+    // follows; only then is it answered. The subagent, gone, saw none of it.
+    close(sa.fd);
+    expect_next(&s, del);
+    ASSERT_TRUE(agent_send(&s, get));
+    expect_next(&s, del);
+    ASSERT_TRUE(agent_send(&s, cat({get, vx_hex("44 01 01")})));
+    expect_next(&s, del);
+    ASSERT_TRUE(agent_send(&s, vx_smux_rrsp(0)));
+    expect_silence(&s, 300);
+    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "RReq taken by the agent as an answer"), 3);
+    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "Lost connection"), 0);
+}
+
 // At Internal-lvl3 every packet either way is dumped, numbered from 1, with the library
 // banner before the first dump only; results are traced even when they are 0.
 TEST(DaemonSmux, PacketDumpsAtLevelThree) {

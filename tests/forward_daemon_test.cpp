@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <deque>
 #include <string>
 #include <vector>
@@ -745,6 +746,35 @@ TEST_F(ForwardThroughDaemon, TrapReadDuringARequestDoesNotStallTheLoop) {
     ASSERT_TRUE(vx_dpi_next(a_, &q, 2000)) << "the daemon did not forward the next request";
     EXPECT_EQ(q.type, DPI_GET);
     EXPECT_EQ(q.instance, "2.0");
+}
+
+// A subagent that answers a byte at a time gets 8 seconds for the whole answer, not for
+// each byte: then the request ends with genErr, the subagent is dropped, and the others are
+// served as before.
+TEST_F(ForwardThroughDaemon, AnswerDribbledOutGetsEightSecondsInAll) {
+    send_request(GET, {std::string(SUBTREE_A) + ".1.0"}, {});
+    vx_dpi_msg q;
+    ASSERT_TRUE(expect_dpi(a_, DPI_GET, GROUP_A, "1.0", &q));
+    const auto t0 = std::chrono::steady_clock::now();
+    const vx_bytes answer =
+        dpi_response(q.packet_id, 0, 0, {dpi_varbind(GROUP_A, "1.0", T_INTEGER32, be32(1))});
+    vx_smux_msg m;
+    bool answered = false;
+    for (size_t i = 0; i < answer.size() - 1 && !answered; i++) {
+        ASSERT_TRUE(vx_send_all(a_->fd, {answer[i]}));
+        answered = vx_smux_next(&agent_, &m, 1500);
+    }
+    ASSERT_TRUE(answered) << "no GetResponse while the answer dribbled in";
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(11));
+    EXPECT_EQ(m.request_id, request_id_);
+    EXPECT_EQ(m.error_status, 5);
+    EXPECT_TRUE(vx_wait_closed(a_->fd, 3000));
+    EXPECT_TRUE(expect_rreq(SUBTREE_A, OP_DELETE));
+
+    vx_stream* b = subagent("1.3.6.1.4.1.2.9.");
+    ASSERT_NE(b, nullptr);
+    send_request(GET, {"1.3.6.1.4.1.2.9.1.0"}, {});
+    ASSERT_TRUE(expect_dpi(b, DPI_GET, "1.3.6.1.4.1.2.9.", "1.0", &q));
 }
 
 }  // namespace
