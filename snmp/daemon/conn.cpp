@@ -4,8 +4,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,10 +22,14 @@ fd_set readyfds;
 int nfds = 0;
 int sa_fds[MAX_SUBAGENTS] = {-1, -1, -1, -1, -1};
 uint32_t dpi_listen_address = htonl(INADDR_ANY);
-vx_conn agent_in = {.fd = -1, .len = 0, .last_byte_ns = 0, .buf = {}};
+vx_conn agent_in = {.fd = -1, .len = 0, .last_byte_ns = 0, .recv_timeout_ns = 0, .buf = {}};
 
 namespace {
 constexpr int SMUX_PORT = 199;
+constexpr int64_t NS_PER_S = 1000000000;
+// A receive time-out is set again only when the time left is shorter than the one set by
+// more than this, so the usual wait for an answer costs no extra system call.
+constexpr int64_t TIMEOUT_SLACK_NS = 100000000;
 constexpr int LISTEN_BACKLOG = 5;
 // One input buffer per slot; slot i belongs to sa_fds[i].
 vx_conn sa_conns[MAX_SUBAGENTS];
@@ -65,6 +69,18 @@ void del_sa_fd(int fd) {
     VX_TRACE(TRACE_LVL2, "Subagent fd not found\n");
 }
 
+static void set_recv_timeout(vx_conn* c, int64_t ns) {
+    timeval tv{};
+    tv.tv_sec = static_cast<time_t>(ns / NS_PER_S);
+    tv.tv_usec = static_cast<suseconds_t>((ns % NS_PER_S) / 1000);
+    if (tv.tv_sec == 0 && tv.tv_usec == 0) {
+        tv.tv_usec = 1;  // zero would mean no time-out at all
+    }
+    if (setsockopt(c->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0) {
+        c->recv_timeout_ns = ns;
+    }
+}
+
 int add_sa_fd(int fd) {
     for (int i = 0; i < MAX_SUBAGENTS; i++) {
         if (sa_fds[i] == -1) {
@@ -72,7 +88,10 @@ int add_sa_fd(int fd) {
             sa_conns[i].fd = fd;
             sa_conns[i].len = 0;
             sa_conns[i].last_byte_ns = vx_now_ns();
+            sa_conns[i].recv_timeout_ns = 0;
             watch_fd(fd);
+            conn_no_delay(fd);
+            set_recv_timeout(&sa_conns[i], DPI_WAIT_SECONDS * NS_PER_S);
             return 0;
         }
     }
@@ -251,6 +270,7 @@ void conn_trace_dpi_failure(const vx_conn* c, conn_failure why) {
 }
 
 int conn_await_dpi(vx_conn* c, int64_t deadline_ns, uint32_t* total) {
+    // A blocking receive with the socket's time-out waits and reads in one system call.
     for (;;) {
         int framed = conn_dpi_frame(c, total);
         if (framed == FRAME_WHOLE) {
@@ -265,18 +285,19 @@ int conn_await_dpi(vx_conn* c, int64_t deadline_ns, uint32_t* total) {
             conn_trace_dpi_failure(c, CONN_END);
             return -1;
         }
-        pollfd p{.fd = c->fd, .events = POLLIN, .revents = 0};
-        int ready = poll(&p, 1, static_cast<int>((left_ns + 999999) / 1000000));
-        if (ready < 0 && errno != EINTR) {
-            conn_trace_dpi_failure(c, CONN_ERROR);
+        if (left_ns < c->recv_timeout_ns - TIMEOUT_SLACK_NS ||
+            left_ns > c->recv_timeout_ns + TIMEOUT_SLACK_NS) {
+            set_recv_timeout(c, left_ns);
+        }
+        ssize_t r = recv(c->fd, c->buf + c->len, sizeof c->buf - c->len, 0);
+        if (r > 0) {
+            c->len += static_cast<uint32_t>(r);
+            c->last_byte_ns = vx_now_ns();
+        } else if (r == 0) {
+            conn_trace_dpi_failure(c, CONN_END);
             return -1;
-        }
-        if (ready <= 0) {
-            continue;  // the time left is looked at again
-        }
-        int r = conn_recv(c);
-        if (r == 0 || r == -1) {
-            conn_trace_dpi_failure(c, r == 0 ? CONN_END : CONN_ERROR);
+        } else if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
+            conn_trace_dpi_failure(c, CONN_ERROR);
             return -1;
         }
     }

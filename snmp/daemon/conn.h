@@ -29,6 +29,7 @@ struct vx_conn {
     int fd;
     uint32_t len;          // bytes in `buf`, from its start
     int64_t last_byte_ns;  // when the last byte arrived; for a partial frame's time limit
+    int64_t recv_timeout_ns;  // the socket's receive time-out, for conn_await_dpi
     uint8_t buf[CONN_BUF_SIZE];
 };
 
@@ -48,7 +49,8 @@ void watch_fd(int fd);
 void forget_fd(int fd);
 // Frees the slot of subagent `fd` and closes it; level-2 trace when no slot holds it.
 void del_sa_fd(int fd);
-// Puts `fd` into the first free slot: 0, or -1 when all are taken (nothing done).
+// Puts `fd` into the first free slot, with Nagle's delay off and a receive time-out of
+// DPI_WAIT_SECONDS: 0, or -1 when all are taken (nothing done).
 [[nodiscard]] int add_sa_fd(int fd);
 // Input buffer of the subagent in slot `fd`, null when no slot holds it.
 [[nodiscard]] vx_conn* subagent_conn(int fd);

@@ -189,7 +189,6 @@ static void accept_subagent(void) {
         close(fd);
         return;
     }
-    conn_no_delay(fd);
     VX_TRACE(TRACE_LVL1, "... accepted on fd %d\n", fd);
 }
 
