@@ -33,6 +33,9 @@ inline void put_container(std::string* out, const snmp_container* c) {
         case SNMP_NATIVE_OCTETS:
             put_bytes(out, snmp_container_const_octets(c), c->length);
             break;
+        case SNMP_NATIVE_U64:
+            put(out, c->value.words);
+            break;
         default:
             put(out, c->value.u32);
             break;
