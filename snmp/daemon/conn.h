@@ -27,8 +27,8 @@ extern uint32_t dpi_listen_address;
 
 struct vx_conn {
     int fd;
-    uint32_t len;          // bytes in `buf`, from its start
-    int64_t last_byte_ns;  // when the last byte arrived; for a partial frame's time limit
+    uint32_t len;             // bytes in `buf`, from its start
+    int64_t last_byte_ns;     // when the last byte arrived; for a partial frame's time limit
     int64_t recv_timeout_ns;  // the socket's receive time-out, for conn_await_dpi
     uint8_t buf[CONN_BUF_SIZE];
 };
@@ -75,10 +75,10 @@ void conn_consume(vx_conn* c, uint32_t n);
 
 // Framing results.
 enum : int {
-    FRAME_WHOLE = 1,      // a whole frame of `*total` bytes starts the buffer
-    FRAME_PARTIAL = 0,    // more bytes are needed
+    FRAME_WHOLE = 1,       // a whole frame of `*total` bytes starts the buffer
+    FRAME_PARTIAL = 0,     // more bytes are needed
     FRAME_TOO_LARGE = -1,  // the frame cannot fit the buffer
-    FRAME_MALFORMED = -2, // the bytes cannot start a frame
+    FRAME_MALFORMED = -2,  // the bytes cannot start a frame
 };
 // A DPI packet: 2-byte big-endian length, then that many bytes; at most DPI_MAX_PACKET.
 [[nodiscard]] int conn_dpi_frame(const vx_conn* c, uint32_t* total);

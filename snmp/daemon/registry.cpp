@@ -16,8 +16,7 @@ registration_entry* mop_list = nullptr;
 unsigned removal_count = 0;
 
 static bool same_subtree(const registration_entry* a, const registration_entry* b) {
-    return a != nullptr && b != nullptr &&
-           snmp_compare_oid_subids(a->subtree, b->subtree, 0) == 0;
+    return a != nullptr && b != nullptr && snmp_compare_oid_subids(a->subtree, b->subtree, 0) == 0;
 }
 
 static void free_entry(registration_entry* entry) {

@@ -170,7 +170,8 @@ static void wipe_password(void) {
 
 int SMUXopen(const char* name) {
     int lines = read_peers_file(name);
-    VX_TRACE(TRACE_LVL3, "Using line %d: %s %s\n", lines, name, myoid != nullptr ? myoid : "(null)");
+    VX_TRACE(TRACE_LVL3, "Using line %d: %s %s\n", lines, name,
+             myoid != nullptr ? myoid : "(null)");
 
     memset(&open_pdu, 0, sizeof open_pdu);
     open_pdu.version = 0;
@@ -184,8 +185,8 @@ int SMUXopen(const char* name) {
     if (pw_len >= sizeof open_pdu.password) {
         // Cutting it would only make the agent refuse the session with a password the
         // administrator never wrote.
-        VX_SAY("Password for %s in %s is too long: %zu characters, at most %zu\n", name,
-               peers_path, pw_len, sizeof open_pdu.password - 1);
+        VX_SAY("Password for %s in %s is too long: %zu characters, at most %zu\n", name, peers_path,
+               pw_len, sizeof open_pdu.password - 1);
         snmp_free_container(open_pdu.oid);
         open_pdu.oid = nullptr;
         wipe_password();
