@@ -1,5 +1,6 @@
 #pragma once
-// Dispatch and forwarding of the agent's requests to DPI subagents, and of subagents' traps to the agent.
+// Dispatch and forwarding of the agent's requests to DPI subagents, and of subagents' traps
+// to the agent.
 #include <cstdint>
 
 struct snmp_varBind;
