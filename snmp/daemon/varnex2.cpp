@@ -15,6 +15,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "forward.h"
 #include "registry.h"
@@ -162,17 +163,36 @@ int DPI_port(void) {
     return fd;
 }
 
+static long long monotonic_ms(void) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits until `fd` is readable (or at its end) for at most 8 seconds: 1 when it is, 0 on
+// time-out, -1 on failure. A signal that interrupts the wait only shortens it by the time
+// already spent, so a subagent that answers within its 8 seconds is never dropped for it.
+static int wait_readable(int fd) {
+    const long long end = monotonic_ms() + DPI_WAIT_SECONDS * 1000LL;
+    for (;;) {
+        long long left = end - monotonic_ms();
+        pollfd p{};
+        p.fd = fd;
+        p.events = POLLIN;
+        int ready = poll(&p, 1, left > 0 ? static_cast<int>(left) : 0);
+        if (ready >= 0 || errno != EINTR) {
+            return ready;
+        }
+    }
+}
+
 // Reads exactly `n` bytes, waiting at most 8 seconds for each piece. Returns `n`, or the
 // last non-positive outcome: 0 for a time-out or the end of the stream, negative for an
 // error.
 static int timed_read(int fd, unsigned char* to, int n) {
     int got = 0;
     while (got < n) {
-        fd_set one;
-        FD_ZERO(&one);
-        FD_SET(fd, &one);
-        timeval tv{DPI_WAIT_SECONDS, 0};
-        int ready = select(fd + 1, &one, nullptr, nullptr, &tv);
+        int ready = wait_readable(fd);
         if (ready <= 0) {
             return ready;
         }
@@ -754,6 +774,97 @@ static int still_readable(int fd) {
     return poll(&p, 1, 0) > 0;
 }
 
+// ---- orderly end -------------------------------------------------------------------------
+
+// The number of the SIGTERM or SIGINT that asked the daemon to end; 0 while none has.
+static volatile sig_atomic_t stop_signal = 0;
+
+static void note_stop_signal(int sig) {
+    stop_signal = sig;
+}
+
+// Both signals stay blocked except inside the loop's wait, which gets `wait_mask`: a signal
+// then never cuts a forwarded exchange short, and one that comes between the loop's check
+// and its wait still ends that wait.
+static void catch_stop_signals(sigset_t* wait_mask) {
+    sigset_t stop_set;
+    sigemptyset(&stop_set);
+    sigaddset(&stop_set, SIGTERM);
+    sigaddset(&stop_set, SIGINT);
+    sigprocmask(SIG_BLOCK, &stop_set, wait_mask);
+    sigdelset(wait_mask, SIGTERM);
+    sigdelset(wait_mask, SIGINT);
+    struct sigaction sa{};
+    sa.sa_handler = note_stop_signal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;  // no SA_RESTART: the wait must return
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+}
+
+// One last packet, without waiting: a peer that does not read must not hold up the end.
+static void send_last(int fd, const unsigned char* bytes, int len, const char* label) {
+    if (tracing & TRACE_LVL3) {
+        log_bfr(bytes, len, label);
+    }
+    if (send(fd, bytes, static_cast<size_t>(len), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        perror("daemon_shutdown::send");
+    }
+}
+
+// Input left unread would turn the close into a reset, which may destroy the last packet
+// before the peer has read it.
+static void drain_input(int fd) {
+    shutdown(fd, SHUT_WR);
+    unsigned char sink[512];
+    while (recv(fd, sink, sizeof sink, MSG_DONTWAIT) > 0) {
+    }
+}
+
+void daemon_shutdown(int sig) {
+    VX_SAY("%s stopping on signal %d\n", myname, sig);
+    // A request that reached the daemon together with the signal is answered first: the
+    // agent waits for that answer and would take the ClosePDU for it.
+    if (smux_fd != -1 && still_readable(smux_fd) && handle_smux() != 0) {
+        close_agent_connection();
+    }
+    if (smux_fd != -1) {
+        // The agent drops every registration of the session at once.
+        smux_pdu close_pdu{};
+        close_pdu.type = SMUX_PDU_CLOSE;
+        close_pdu.code = SMUX_CLOSE_GOING_DOWN;
+        uint8_t* buf = nullptr;
+        uint32_t len = 0;
+        int rc = smux_encode_message(&buf, &len, &close_pdu);
+        VX_RC(rc, "smux_encode_message");
+        if (rc == 0) {
+            send_last(smux_fd, buf, static_cast<int>(len), "SMUXsend");
+        }
+        drain_input(smux_fd);
+        close_agent_connection();
+    }
+    const unsigned char* close_packet = mkDPIclose(DPI_CLOSE_goingDown);
+    for (int& slot : sa_fds) {
+        if (slot == -1) {
+            continue;
+        }
+        if (close_packet != nullptr) {
+            send_last(slot, close_packet, static_cast<int>(dpi_packet_len(close_packet)),
+                      "Outgoing DPI packet");
+        }
+        drain_input(slot);
+        forget_fd(slot);
+        slot = -1;
+    }
+    close_dpi_listener();
+    registry_release();
+    free(myoid);
+    myoid = nullptr;
+    free(mypw);
+    mypw = nullptr;
+    fflush(stdout);
+}
+
 [[noreturn]] static void usage(const char* program) {
     printf("usage:  %s [-d [level]]\n", program);
     printf("\n%s\n", banner);
@@ -842,6 +953,8 @@ int main(int argc, char** argv) {
 
     VX_SAY("%s, starting...\n%s\n", myname, banner);
     signal(SIGPIPE, SIG_IGN);  // a vanished peer must fail the write, not end the daemon
+    sigset_t wait_mask;
+    catch_stop_signals(&wait_mask);
 
     FD_ZERO(&selectfds);
     FD_ZERO(&readyfds);
@@ -851,10 +964,14 @@ int main(int argc, char** argv) {
         slot = -1;
     }
 
-    while (forever) {
+    while (forever && stop_signal == 0) {
         readyfds = selectfds;
-        timeval retry{AGENT_RETRY_SECONDS, 0};
-        int n = select(nfds + 1, &readyfds, nullptr, nullptr, smux_fd == -1 ? &retry : nullptr);
+        timespec retry{AGENT_RETRY_SECONDS, 0};
+        int n = pselect(nfds + 1, &readyfds, nullptr, nullptr, smux_fd == -1 ? &retry : nullptr,
+                        &wait_mask);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
         if (n < 0) {
             perror("select");
             VX_SAY("Error on select");
@@ -885,5 +1002,6 @@ int main(int argc, char** argv) {
             }
         }
     }
+    daemon_shutdown(stop_signal);
     return 0;
 }

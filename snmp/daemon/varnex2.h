@@ -54,6 +54,10 @@ extern char* mypw;   // SMUX password from the peers file; wiped after every ope
 
 void init_smux_dpi_fds(void);
 void del_sa_fd(int fd);
+// The orderly end on SIGTERM or SIGINT (`sig`): the agent gets a ClosePDU goingDown, every
+// subagent a DPI CLOSE goingDown, then every connection is closed and the registration table
+// released. The caller exits with status 0.
+void daemon_shutdown(int sig);
 
 [[nodiscard]] int DPI_port(void);
 // One whole packet, length field included, into `buf`; waits at most 8 s for each piece.
