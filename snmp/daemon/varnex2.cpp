@@ -132,6 +132,29 @@ void log_bfr(const unsigned char* buf, int len, const char* label) {
 
 // ---- DPI listener and framing --------------------------------------------------------------
 
+// The address the DPI listener binds to: every local address unless VARNEX2_DPI_ADDRESS
+// names one. Subagents are not authenticated, so whoever reaches the listener can serve
+// subtrees of the agent's MIB.
+static in_addr dpi_address = {htonl(INADDR_ANY)};
+
+// Takes VARNEX2_DPI_ADDRESS when it is set: 0, or -1 after telling why on standard error.
+// A value that is set but not a dotted IPv4 address (an empty one included) is refused
+// rather than read as "every address", which would widen exactly what it meant to narrow.
+static int read_dpi_address(void) {
+    const char* text = getenv("VARNEX2_DPI_ADDRESS");
+    if (text == nullptr) {
+        return 0;
+    }
+    if (inet_pton(AF_INET, text, &dpi_address) != 1) {
+        fprintf(stderr,
+                "%s: VARNEX2_DPI_ADDRESS=\"%s\" is not an IPv4 address in dotted-decimal form "
+                "(such as 127.0.0.1, or 0.0.0.0 for every local address)\n",
+                myname, text);
+        return -1;
+    }
+    return 0;
+}
+
 int DPI_port(void) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
@@ -145,7 +168,7 @@ int DPI_port(void) {
     }
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    addr.sin_addr = dpi_address;
     addr.sin_port = 0;  // the system picks a free port; subagents learn it from the agent
     if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
         perror("DPI_port::bind");
@@ -950,6 +973,9 @@ int main(int argc, char** argv) {
         }
     }
     myname = identity_name(program);
+    if (read_dpi_address() != 0) {
+        exit(1);
+    }
 
     VX_SAY("%s, starting...\n%s\n", myname, banner);
     signal(SIGPIPE, SIG_IGN);  // a vanished peer must fail the write, not end the daemon
