@@ -306,9 +306,9 @@ TEST_F(DaemonCommandLine, BadListenerAddressEndsTheDaemonAtStart) {
         SCOPED_TRACE(std::string("\"") + value + "\"");
         setenv("VARNEX2_DPI_ADDRESS", value, 1);
         std::string out;
-        EXPECT_EQ(vx_run({"sh", "-c", "exec \"$0\" -d 255 2>\"$1\"", vx_varnex2_path(), err},
-                         &out, 5000),
-                  1);
+        EXPECT_EQ(
+            vx_run({"sh", "-c", "exec \"$0\" -d 255 2>\"$1\"", vx_varnex2_path(), err}, &out, 5000),
+            1);
         EXPECT_EQ(out.find("starting"), std::string::npos) << out;
         EXPECT_EQ(vx_read_file(err), std::string("varnex2: VARNEX2_DPI_ADDRESS=\"") + value +
                                          "\" is not an IPv4 address in dotted-decimal form "

@@ -232,8 +232,8 @@ TEST_F(DaemonWithSnmpd, StopSignalEndsEverySessionInOrder) {
             ASSERT_EQ(vx_dpi_register_group(&sa[i], groups[i], 2), 0);
         }
         ++sessions;
-        ASSERT_TRUE(vx_wait_for_text(snmpd_log, "smux subtree: iso.3.6.1.4.1.2.6.4\n", 5000,
-                                     sessions));
+        ASSERT_TRUE(
+            vx_wait_for_text(snmpd_log, "smux subtree: iso.3.6.1.4.1.2.6.4\n", 5000, sessions));
 
         auto signalled = std::chrono::steady_clock::now();
         if (r.during_get) {
