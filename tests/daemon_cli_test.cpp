@@ -1,6 +1,9 @@
 // The daemon's command line, trace levels, banners, identity name and start-up retries,
 // observed from outside: its output, its exit status and its first bytes to the agent.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -58,11 +61,45 @@ class DaemonCommandLine : public ::testing::Test {
         if (vx_varnex2_path() == nullptr) {
             GTEST_SKIP() << "the daemon was not built";
         }
-        for (const char* v : {"SNMP_PRINTF", "SNMP_ERROR", "SNMP_DUMP"}) {
+        for (const char* v : {"SNMP_PRINTF", "SNMP_ERROR", "SNMP_DUMP", "VARNEX2_DPI_ADDRESS"}) {
             unsetenv(v);
         }
     }
 };
+
+// Local address of the TCP socket of this network namespace that listens on `port`, as
+// dotted text; "" when none does.
+std::string listening_address(int port) {
+    FILE* f = fopen("/proc/net/tcp", "r");
+    char line[512];
+    std::string found;
+    while (f != nullptr && found.empty() && fgets(line, sizeof line, f) != nullptr) {
+        unsigned addr = 0, p = 0, state = 0;
+        if (sscanf(line, " %*u: %8X:%4X %*s %2X", &addr, &p, &state) == 3 &&
+            p == static_cast<unsigned>(port) && state == 0x0A) {
+            in_addr a{};
+            a.s_addr = addr;  // the table shows the address as the host reads its bytes
+            found = inet_ntoa(a);
+        }
+    }
+    if (f != nullptr) {
+        fclose(f);
+    }
+    return found;
+}
+
+bool connects(const char* address, int port) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, address, &to.sin_addr);
+    bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
+    if (fd >= 0) {
+        close(fd);
+    }
+    return ok;
+}
 
 }  // namespace
 
@@ -225,4 +262,58 @@ TEST_F(DaemonCommandLine, RetriesUntilTheAgentListens) {
     ASSERT_TRUE(attach_session(&s, 7500, true));
     EXPECT_GT(s.dpi_port, 0);
     EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "connected to agent"), 1);
+}
+
+// VARNEX2_DPI_ADDRESS names the one address the DPI listener binds to; without it, or with
+// 0.0.0.0, it binds every local address. (127.0.0.2 is local too, through the loopback
+// network.)
+TEST_F(DaemonCommandLine, ListenerAddressFromTheEnvironment) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    struct row {
+        const char* value;  // null: unset
+        const char* bound;
+        bool reached_on_127_0_0_1;
+    } rows[] = {{nullptr, "0.0.0.0", true},
+                {"0.0.0.0", "0.0.0.0", true},
+                {"127.0.0.2", "127.0.0.2", false},
+                {"127.0.0.1", "127.0.0.1", true}};
+    daemon_session s;
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.value != nullptr ? r.value : "unset");
+        vx_stop(&s.daemon);
+        agent_hang_up(&s);
+        if (r.value != nullptr) {
+            setenv("VARNEX2_DPI_ADDRESS", r.value, 1);
+        } else {
+            unsetenv("VARNEX2_DPI_ADDRESS");
+        }
+        ASSERT_TRUE(vx_write_file(vx_test_dir() + "/varnex2.log", ""));
+        ASSERT_TRUE(start_session(&s, {}));
+        EXPECT_EQ(listening_address(s.dpi_port), r.bound);
+        EXPECT_EQ(connects("127.0.0.1", s.dpi_port), r.reached_on_127_0_0_1);
+        EXPECT_TRUE(connects(r.bound[0] == '0' ? "127.0.0.2" : r.bound, s.dpi_port));
+    }
+}
+
+// A value that is not an IPv4 address in dotted-decimal form ends the daemon at once with
+// status 1 and the reason on standard error, before it has connected anywhere.
+TEST_F(DaemonCommandLine, BadListenerAddressEndsTheDaemonAtStart) {
+    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
+    daemon_session s;
+    ASSERT_TRUE(agent_listen(&s));
+    const std::string err = vx_test_dir() + "/stderr";
+    for (const char* value : {"", "localhost", "127.1", "256.0.0.1", "127.0.0.1 ", "::1"}) {
+        SCOPED_TRACE(std::string("\"") + value + "\"");
+        setenv("VARNEX2_DPI_ADDRESS", value, 1);
+        std::string out;
+        EXPECT_EQ(
+            vx_run({"sh", "-c", "exec \"$0\" -d 255 2>\"$1\"", vx_varnex2_path(), err}, &out, 5000),
+            1);
+        EXPECT_EQ(out.find("starting"), std::string::npos) << out;
+        EXPECT_EQ(vx_read_file(err), std::string("varnex2: VARNEX2_DPI_ADDRESS=\"") + value +
+                                         "\" is not an IPv4 address in dotted-decimal form "
+                                         "(such as 127.0.0.1, or 0.0.0.0 for every local "
+                                         "address)\n");
+        EXPECT_LT(vx_tcp_accept(s.listen_fd, 100), 0) << "the daemon connected to the agent";
+    }
 }

@@ -396,9 +396,9 @@ int main(int argc, char** argv) {
     }
 
     if (stop) {
-        /* Reason 2 is goingDown. The agent answers a CLOSE; we wait briefly for that, so
-         * that it has read the CLOSE before the connection goes away. */
-        if (send_packet(handle, mkDPIclose(2)) == 0) {
+        /* The agent answers a CLOSE; we wait briefly for that, so that it has read the
+         * CLOSE before the connection goes away. */
+        if (send_packet(handle, mkDPIclose(DPI_CLOSE_goingDown)) == 0) {
             int rc;
             fDPIparse(await_packet(handle, 2, &rc));
         }

@@ -305,6 +305,22 @@ int conn_await_dpi(vx_conn* c, int64_t deadline_ns, uint32_t* total) {
 
 // ---- output ----
 
+void conn_send_last(int fd, const unsigned char* bytes, int len, const char* label) {
+    if (tracing & TRACE_LVL3) {
+        log_bfr(bytes, len, label);
+    }
+    if (send(fd, bytes, static_cast<size_t>(len), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        perror("daemon_shutdown::send");
+    }
+}
+
+void conn_drain(int fd) {
+    shutdown(fd, SHUT_WR);
+    unsigned char sink[512];
+    while (recv(fd, sink, sizeof sink, MSG_DONTWAIT) > 0) {
+    }
+}
+
 int DPIsend(int fd, const unsigned char* packet) {
     static const unsigned char nothing[1] = {0};
     int len = 0;

@@ -98,6 +98,13 @@ void conn_trace_dpi_failure(const vx_conn* c, conn_failure why);
 
 // ---- output ----
 
+// The last bytes on a connection that is about to close: one send that neither blocks nor
+// raises SIGPIPE, so a peer that does not read cannot hold up the end. Then drain: input
+// left unread would turn the close into a reset, which may destroy those bytes before the
+// peer has read them.
+void conn_send_last(int fd, const unsigned char* bytes, int len, const char* label);
+void conn_drain(int fd);
+
 // `packet` is a serialised DPI packet with its 2-byte length in front; null writes nothing.
 // 0 when all was written, the write's negative result, or -1 for a short write.
 [[nodiscard]] int DPIsend(int fd, const unsigned char* packet);

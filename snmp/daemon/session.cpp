@@ -256,8 +256,10 @@ void SMUXclose(int32_t reason) {
     close_pdu.code = reason;
     uint8_t* buf = nullptr;
     uint32_t len = 0;
-    if (smux_encode_message(&buf, &len, &close_pdu) == 0) {
-        (void)SMUXsend(buf, static_cast<int>(len));
+    int rc = smux_encode_message(&buf, &len, &close_pdu);
+    VX_RC(rc, "smux_encode_message");
+    if (rc == 0) {
+        conn_send_last(smux_fd, buf, static_cast<int>(len), "SMUXsend");
     }
 }
 
@@ -437,6 +439,10 @@ session_counts session_get_counts(void) {
 }
 
 void session_release(void) {
+    free(myoid);
+    myoid = nullptr;
+    free(mypw);
+    mypw = nullptr;
     while (subtrees != nullptr) {
         agent_subtree* s = subtrees;
         subtrees = s->next;

@@ -31,7 +31,7 @@ extern const char varnex2_banner[];
 [[nodiscard]] int SMUXsend(const unsigned char* buf, int len);
 // Encodes `record` as an RReqPDU and sends it at once. 0, the encoder's failure or -1.
 [[nodiscard]] int SMUXregister(smux_pdu* record);
-// Sends a ClosePDU with `reason` (best effort).
+// Sends a ClosePDU with `reason` as the last PDU of the session (best effort).
 void SMUXclose(int32_t reason);
 
 // ---- registrations at the agent ----
@@ -66,5 +66,5 @@ struct session_counts {
 };
 [[nodiscard]] session_counts session_get_counts(void);
 
-// Releases the session's tables and texts: for the end of the process.
+// Releases the session's tables, identity and password: for the end of the process.
 void session_release(void);

@@ -28,8 +28,6 @@ namespace {
 constexpr char dpi_port_subtree[] = "1.3.6.1.4.1.2.2.1.1.1";
 constexpr int AGENT_RETRY_SECONDS = 5;
 constexpr int DPI_OTHER_ERROR = 101;
-constexpr int32_t SMUX_CLOSE_GOING_DOWN = 0;
-constexpr uint8_t DPI_CLOSE_GOING_DOWN = 2;
 constexpr int64_t NS_PER_S = 1000000000;
 
 volatile sig_atomic_t stop_signal = 0;
@@ -385,14 +383,29 @@ static int64_t next_deadline(int64_t now_ns) {
 // does every subagent; then the process ends.
 [[noreturn]] static void stop_daemon(void) {
     VX_SAY("%s stopping on signal %d\n", myname, static_cast<int>(stop_signal));
-    SMUXclose(SMUX_CLOSE_GOING_DOWN);
-    for (int fd : sa_fds) {
-        if (fd >= 0) {
-            (void)DPIsend(fd, mkDPIclose(DPI_CLOSE_GOING_DOWN));
-            del_sa_fd(fd);
-        }
+    // A request that reached the daemon together with the signal is answered first: the
+    // agent waits for that answer and would take the ClosePDU for it.
+    if (smux_fd != -1 && handle_smux() != 0) {
+        close_agent_connection();
     }
-    close_agent_connection();
+    if (smux_fd != -1) {
+        // The agent drops every registration of the session at once.
+        SMUXclose(SMUX_CLOSE_GOING_DOWN);
+        conn_drain(smux_fd);
+        close_agent_connection();
+    }
+    const unsigned char* close_packet = mkDPIclose(DPI_CLOSE_goingDown);
+    for (int fd : sa_fds) {
+        if (fd < 0) {
+            continue;
+        }
+        if (close_packet != nullptr) {
+            conn_send_last(fd, close_packet, 2 + close_packet[0] * 256 + close_packet[1],
+                           "Outgoing DPI packet");
+        }
+        conn_drain(fd);
+        del_sa_fd(fd);
+    }
     close_dpi_listener();
     session_counts n = session_get_counts();
     VX_SAY("%lu RReqs sent, %lu taken by the agent as answers\n", n.rreqs_sent, n.rreqs_eaten);
@@ -503,7 +516,10 @@ static void read_listen_address(void) {
     }
     in_addr addr{};
     if (inet_pton(AF_INET, text, &addr) != 1) {
-        fprintf(stderr, "varnex2: VARNEX2_DPI_ADDRESS=\"%s\" is not an IPv4 address\n", text);
+        fprintf(stderr,
+                "%s: VARNEX2_DPI_ADDRESS=\"%s\" is not an IPv4 address in dotted-decimal "
+                "form (such as 127.0.0.1, or 0.0.0.0 for every local address)\n",
+                myname, text);
         exit(1);
     }
     dpi_listen_address = addr.s_addr;

@@ -106,6 +106,18 @@ enum dpi_error_code {
     DPI_ERROR_registerRefused = 101,  // the agent's answer to a REGISTER it will not serve
 };
 
+// CLOSE reasons (dpi_close_packet.reason). The library carries the byte unchanged.
+enum dpi_close_reason {
+    DPI_CLOSE_otherReason = 1,
+    DPI_CLOSE_goingDown = 2,
+    DPI_CLOSE_unsupportedVersion = 3,
+    DPI_CLOSE_protocolError = 4,
+    DPI_CLOSE_authenticationError = 5,
+    DPI_CLOSE_byManager = 6,
+    DPI_CLOSE_timeout = 7,
+    DPI_CLOSE_atEndOfMessage = 8,
+};
+
 // Generic trap numbers (dpi_trap_packet.generic); 0..5 require specific 0.
 enum dpi_generic_trap {
     DPI_TRAP_coldStart = 0,

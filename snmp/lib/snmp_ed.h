@@ -31,6 +31,16 @@ enum {
 
 enum { SMUX_TEXT_SIZE = 256 }; /* description and password buffers, NUL included */
 
+/* ClosePDU reasons (the `code` of a SMUX_PDU_CLOSE record). */
+enum {
+    SMUX_CLOSE_GOING_DOWN = 0,
+    SMUX_CLOSE_UNSUPPORTED_VERSION = 1,
+    SMUX_CLOSE_PACKET_FORMAT = 2,
+    SMUX_CLOSE_PROTOCOL_ERROR = 3,
+    SMUX_CLOSE_INTERNAL_ERROR = 4,
+    SMUX_CLOSE_AUTHENTICATION_FAILURE = 5
+};
+
 struct snmp_varBind {
     struct snmp_container* name;  /* OID container; null until something is stored */
     struct snmp_container* value; /* value container; null until something is stored */
