@@ -27,9 +27,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <regex>
 #include <set>
@@ -293,10 +295,19 @@ class churn_pool {
         }
     }
 
+    // The daemon ended a connection, or sent what no subagent can read: counted unless the
+    // daemon is stopping.
+    void drop() {
+        if (!ending_) {
+            counts_.dropped++;
+        }
+    }
+
     // False when the connection is to end.
     bool on_packet(churner* c, const uint8_t* packet) {
         dpi_hdr* h = pDPIpacket(packet);
         if (h == nullptr) {
+            drop();
             return false;
         }
         bool keep = true;
@@ -323,6 +334,7 @@ class churn_pool {
             answer(c, h);
             break;
         case SNMP_DPI_CLOSE:
+            drop();
             keep = false;
             break;
         default:
@@ -339,6 +351,8 @@ class churn_pool {
         bool keep = n > 0;
         if (keep) {
             c->in.insert(c->in.end(), buf, buf + n);
+        } else {
+            drop();
         }
         while (keep && c->in.size() >= 2) {
             size_t total = (size_t{c->in[0]} << 8 | c->in[1]) + 2;
@@ -349,9 +363,6 @@ class churn_pool {
             c->in.erase(c->in.begin(), c->in.begin() + static_cast<ptrdiff_t>(total));
         }
         if (!keep && !c->gone) {
-            if (!ending_) {
-                counts_.dropped++;
-            }
             close(c->fd);
             c->fd = -1;
             c->gone = true;
