@@ -1,10 +1,8 @@
 # The programs forward_path.sh runs at the far end of each path it measures: a DPI subagent
 # behind the daemon, a bare SMUX peer, and an AgentX subagent on net-snmp's agent library
-# (built only when libsnmp-dev is installed).
-add_executable(fwd_dpi_subagent ${CMAKE_CURRENT_LIST_DIR}/fwd_dpi_subagent.c)
-target_link_libraries(fwd_dpi_subagent PRIVATE dpisa)
-# The library is written in C++; its runtime comes in through the C++ linker.
-set_target_properties(fwd_dpi_subagent PROPERTIES LINKER_LANGUAGE CXX)
+# (built only when libsnmp-dev is installed). The DPI subagent has a file of its own,
+# fwd_dpi_subagent.cmake, since the tests build it as well.
+include(${CMAKE_CURRENT_LIST_DIR}/fwd_dpi_subagent.cmake)
 
 add_executable(fwd_smux_peer ${CMAKE_CURRENT_LIST_DIR}/fwd_smux_peer.cpp)
 target_link_libraries(fwd_smux_peer PRIVATE snmpkit)
