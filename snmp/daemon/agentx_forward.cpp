@@ -43,6 +43,26 @@ constexpr uint32_t BULK_SIZE_LIMIT = 48 * 1024;
 agentx_pdu* request = nullptr;  // the PDU being served; recycled
 agentx_pdu* answer = nullptr;   // the Response being built; recycled
 
+// net-snmp's master sends a request again, with the same packet id, each time its own
+// time-out passes (agentxTimeout, 1 s unless configured), whatever time-out the session
+// asked for. The copies queue behind the request while a subagent is slow; serving them
+// would ask the subagents again, and a TestSet served twice would undo the first. So the
+// packet ids of the latest requests are kept, and a copy is passed over.
+constexpr int RECENT_REQUESTS = 32;
+uint32_t recent[RECENT_REQUESTS];
+int recent_next = 0;
+
+bool served_before(const agentx_header& h) {
+    for (uint32_t id : recent) {
+        if (id == h.packet_id && id != 0) {
+            return true;
+        }
+    }
+    recent[recent_next] = h.packet_id;
+    recent_next = (recent_next + 1) % RECENT_REQUESTS;
+    return false;
+}
+
 // ---- the registration table and DPI ----
 
 // The entry `oid` lies in, first in table order; null when none holds it.
@@ -675,6 +695,11 @@ int handle_pdu(uint32_t total) {
                  h.session_id);
         return 0;
     }
+    if (served_before(h)) {
+        VX_TRACE(TRACE_LVL1, "AgentX %s packet %u sent again: served already\n",
+                 agentx_pdu_name(h.type), h.packet_id);
+        return 0;
+    }
     return serve_request();
 }
 
@@ -723,4 +748,5 @@ int handle_agentx(void) {
 
 void agentx_forward_lost(void) {
     end_transaction();
+    memset(recent, 0, sizeof recent);  // a new session numbers its requests anew
 }

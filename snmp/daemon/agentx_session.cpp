@@ -120,6 +120,9 @@ int encode_registration(held_subtree* s, uint32_t id, uint32_t* used) {
     pdu.header.session_id = agentx_session_id;
     pdu.header.packet_id = id;
     pdu.priority = AGENTX_PRIORITY;
+    // net-snmp's master times requests out by their registration's time-out, not the
+    // session's.
+    pdu.timeout = AGENTX_TIMEOUT_SECONDS;
     pdu.oid = s->oid;  // borrowed for the encoding only
     uint32_t len = 0;
     int rc = agentx_encode_pdu(&pdu, out + *used, AGENTX_OUT_SIZE - *used, &len);

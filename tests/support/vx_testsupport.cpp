@@ -394,7 +394,9 @@ bool vx_start_snmpd(vx_snmpd* agent, const std::vector<std::string>& extra_args,
     }
     std::string conf = SNMPD_CONF;
     if (!agent->agentx_socket.empty()) {
-        conf += "master agentx\nagentXSocket " + agent->agentx_socket + "\n";
+        // snmpd gives a subagent agentxTimeout (1 s) per try whatever time-out the session
+        // asked for, and closes the session after 6 tries: the daemon asks for 10 s.
+        conf += "master agentx\nagentXSocket " + agent->agentx_socket + "\nagentxTimeout 10\n";
     }
     if (!vx_write_file(agent->dir + "/snmpd.conf", conf)) {
         return fail(why_not, "writing snmpd.conf");
