@@ -195,12 +195,12 @@ int conn_set_agentx_address(const char* text, char* why, size_t why_size) {
         const char* host = text + sizeof tcp - 1;
         const char* colon = strrchr(host, ':');
         if (colon == nullptr || colon == host) {
-            return say_why(why, why_size, "tcp: wants HOST:PORT");
+            return say_why(why, why_size, "tcp: needs HOST:PORT");
         }
         char* end = nullptr;
         unsigned long port = strtoul(colon + 1, &end, 10);
         if (colon[1] < '0' || colon[1] > '9' || *end != '\0' || port == 0 || port > 65535) {
-            return say_why(why, why_size, "the port is not a number from 1 to 65535");
+            return say_why(why, why_size, "the port must be a number from 1 to 65535");
         }
         char name[256];
         size_t n = static_cast<size_t>(colon - host);
@@ -220,7 +220,8 @@ int conn_set_agentx_address(const char* text, char* why, size_t why_size) {
         addrinfo* found = nullptr;
         int rc = getaddrinfo(name, colon + 1, &hints, &found);
         if (rc != 0 || found == nullptr) {
-            return say_why(why, why_size, rc != 0 ? gai_strerror(rc) : "no address");
+            snprintf(why, why_size, "host \"%s\": %s", name, rc != 0 ? gai_strerror(rc) : "no address");
+            return -1;
         }
         memcpy(&a.addr, found->ai_addr, found->ai_addrlen);
         a.len = found->ai_addrlen;
@@ -232,11 +233,14 @@ int conn_set_agentx_address(const char* text, char* why, size_t why_size) {
         }
         // A relative path would depend on the directory the daemon happens to start in.
         if (path[0] != '/') {
-            return say_why(why, why_size, "neither an absolute socket path nor tcp:HOST:PORT");
+            return say_why(why, why_size,
+                           text[0] == '\0' ? "it is empty" : "a socket path must be absolute");
         }
         sockaddr_un un{};
         if (strlen(path) >= sizeof un.sun_path) {
-            return say_why(why, why_size, "the socket path is too long");
+            snprintf(why, why_size, "the socket path is longer than %zu bytes",
+                     sizeof un.sun_path - 1);
+            return -1;
         }
         un.sun_family = AF_UNIX;
         memcpy(un.sun_path, path, strlen(path) + 1);

@@ -544,8 +544,8 @@ static void read_agentx_address(void) {
     char why[256];
     if (conn_set_agentx_address(text, why, sizeof why) != 0) {
         fprintf(stderr,
-                "varnex2: VARNEX2_AGENTX=\"%s\" cannot be used: %s (give a socket path or "
-                "tcp:HOST:PORT)\n",
+                "varnex2: VARNEX2_AGENTX=\"%s\" cannot be used: %s; give the path of the "
+                "master's Unix socket or tcp:HOST:PORT\n",
                 text, why);
         exit(1);
     }
