@@ -325,8 +325,8 @@ TEST_F(AgentXMaster, SetsCommitOrUndoAsAWhole) {
             << now.output;
     }
     EXPECT_EQ(vx_count_in_file(example_.log_path, "exampleLevel is now"), 2);
-    // Each change sent a trap: a v2c notification as RFC 3584 makes of an enterprise
-    // trap, with the varBind and the enterprise.
+    // Each change sent a trap: a v2c notification whose snmpTrapOID is enterprise.0.specific,
+    // then the varBind and the enterprise.
     for (const char* value : {"42", "8"}) {
         EXPECT_TRUE(vx_wait_for_text(
             trap_log_,

@@ -354,7 +354,7 @@ int bulk(void) {
                 start = above.name;
                 include = false;
                 if (above.value->tag == SNMP_TAG_END_OF_MIB_VIEW) {
-                    // RFC 2741: once at the end, the column stays there.
+                    // Once at the end, a column stays there.
                     if (add(copy_of(start), exception(SNMP_TAG_END_OF_MIB_VIEW)) != 0) {
                         return ERR_GEN_ERR;
                     }
@@ -604,15 +604,17 @@ int send_answer(uint16_t status, uint32_t row_size) {
     }
     for (;;) {
         int rc = agentx_write_pdu(answer);
-        if (rc != AGENTX_NO_ROOM) {
-            return rc == 0 ? 0 : -1;
+        if (rc == 0 || rc == -1) {
+            return rc;  // sent, or the write failed
         }
-        if (row_size > 0 && answer->num_varbinds > row_size + request->non_repeaters) {
-            answer->num_varbinds -= row_size;
-        } else {
-            answer->error = ERR_TOO_BIG;
+        if (rc == AGENTX_NO_ROOM && row_size > 0 && answer->num_varbinds > request->num_ranges) {
+            answer->num_varbinds -= row_size;  // the non-repeaters and one row stay whole
+        } else if (answer->num_varbinds > 0) {
+            answer->error = rc == AGENTX_NO_ROOM ? ERR_TOO_BIG : ERR_GEN_ERR;
             answer->error_index = 0;
             answer->num_varbinds = 0;
+        } else {
+            return -1;
         }
     }
 }

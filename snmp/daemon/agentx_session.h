@@ -1,5 +1,5 @@
 #pragma once
-// The AgentX session with the master agent (RFC 2741), the daemon's other way to the master
+// The AgentX session with the master agent, the daemon's other way to the master
 // beside SMUX: the Open, the Registers and Unregisters that make the master hold what the
 // registration table wants, Pings when the master has been quiet, Notifies for traps, and
 // the Close. Requests of the master are answered by the AgentX forwarding module above.
