@@ -335,7 +335,7 @@ void init_smux_dpi_fds(void) {
     }
     agent_in.fd = smux_fd;
     agent_in.len = 0;
-    VX_TRACE(TRACE_LVL1, "SMUX fd: %d\n", smux_fd);
+    VX_TRACE(TRACE_LVL1, agentx ? "AgentX fd: %d\n" : "SMUX fd: %d\n", smux_fd);
 
     if (dpi_fd == -1) {
         dpi_fd = DPI_port();
