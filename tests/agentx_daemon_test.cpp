@@ -26,7 +26,6 @@ constexpr const char* PORT_INSTANCE = "1.3.6.1.4.1.2.2.1.1.1.0";
 constexpr const char* S = "1.3.6.1.4.1.99999.3";
 constexpr const char* S_GROUP = "1.3.6.1.4.1.99999.3.";
 constexpr uint32_t SESSION = 42;
-constexpr uint8_t DPI_GET = 1;
 constexpr uint8_t DPI_GETNEXT = 2;
 constexpr uint8_t T_END_OF_MIB = 17;
 constexpr uint8_t T_INTEGER32 = 129;

@@ -25,7 +25,6 @@ constexpr const char* SCRIPTED_GROUP = "1.3.6.1.4.1.99999.3.";
 // or withdrawal the master accepted.
 constexpr const char* ACCEPTED =
     ".1.3.6.1.6.3.1.1.5.1\t.1.3.6.1.6.3.1.1.4.3.0 = OID: .1.3.6.1.4.1.99999.1";
-constexpr uint8_t DPI_GET = 1;
 constexpr uint8_t DPI_GETNEXT = 2;
 constexpr uint8_t DPI_SET = 3;
 constexpr uint8_t DPI_COMMIT = 10;
