@@ -5,6 +5,7 @@
 #   agentx   snmpd --AgentX--> subagent on net-snmp's agent library   (fwd_agentx_subagent)
 #   smux     snmpd --SMUX--> bare SMUX peer                           (fwd_smux_peer)
 #   varnex2  snmpd --SMUX--> varnex2 --DPI--> minimal DPI subagent    (fwd_dpi_subagent)
+#   varnex2-agentx  snmpd --AgentX--> varnex2 --DPI--> the same DPI subagent
 #
 # Each subagent serves the same OBJECTS INTEGER objects 1.3.6.1.4.1.99999.2.1.n = n. For
 # every round and path a fresh snmpd (one configuration for all paths) and the path's own
@@ -77,11 +78,18 @@ start_varnex2() {
   wait_for varnex2 10 in_log "$run_dir/daemon.log" "ready to receive requests"
   launch subagent "$build/bench/fwd_dpi_subagent" -n "$OBJECTS"
 }
+start_varnex2_agentx() {
+  launch daemon env VARNEX2_AGENTX="$work/agentx.sock" "$build/snmp/daemon/varnex2"
+  wait_for varnex2 10 in_log "$run_dir/daemon.log" "ready to receive requests"
+  launch subagent "$build/bench/fwd_dpi_subagent" -n "$OBJECTS"
+}
 
 add_path agentx "AgentX subagent on net-snmp's agent library" start_agentx fwd_agentx_subagent
 add_path smux "bare SMUX peer, hand-written" start_smux fwd_smux_peer
 add_path varnex2 "snmpd → varnex2 → minimal DPI subagent" start_varnex2 \
   "varnex2 fwd_dpi_subagent"
+add_path varnex2-agentx "snmpd → varnex2 (AgentX) → minimal DPI subagent" \
+  start_varnex2_agentx "varnex2 fwd_dpi_subagent"
 
 read -r -a selected <<<"${PATHS:-${path_ids[*]}}"
 for id in "${selected[@]}"; do
@@ -348,7 +356,7 @@ run_path() {
     }' >>"$work/results"
   tail -n 1 "$work/results" | awk -v rounds="$ROUNDS" '
     function us(x) { return x == "-" ? "–" : sprintf("%.1f", x) }
-    { printf "round %d/%d  %-8s  bulk %6.0f obj/s  walk %6.0f obj/s  CPU µs/object %s / %s / %s" \
+    { printf "round %d/%d  %-14s  bulk %6.0f obj/s  walk %6.0f obj/s  CPU µs/object %s / %s / %s" \
         "  (client start-up %s / %s ms)\n", $1, rounds, $2, $3, $4, us($5), us($6), us($7), $8, $9 }'
 }
 

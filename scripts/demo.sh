@@ -7,11 +7,25 @@
 # inside a private network and mount namespace, so that nothing on this machine is touched:
 # snmpd, its ports and /etc/snmpd.peers seen by varnex2 are the demo's own. Everything the
 # demo starts is stopped when it ends, however it ends. Needs root (namespaces, bind mount).
+#
+#   bash scripts/demo.sh            snmpd as SMUX master, as above
+#   bash scripts/demo.sh --agentx   snmpd as AgentX master instead ("master agentx", a Unix
+#                                   socket), varnex2 started with VARNEX2_AGENTX set to it;
+#                                   traps also reach snmptrapd as SNMPv2 notifications, and
+#                                   a set of two objects shows that one refusal undoes both
+#
 #   BUILD_DIR   where to build (default: build)
 #   KEEP_LOGS=1 keep the directory with the configuration files and logs
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
+agentx=0
+for arg in "$@"; do
+  case $arg in
+    --agentx) agentx=1 ;;
+    *) echo "usage: bash scripts/demo.sh [--agentx]" >&2; exit 2 ;;
+  esac
+done
 BUILD_DIR=${BUILD_DIR:-build}
 case $BUILD_DIR in /*) build=$BUILD_DIR ;; *) build=$root/$BUILD_DIR ;; esac
 
@@ -120,6 +134,7 @@ wait_for() {
   return 1
 }
 listening_tcp() { [ -n "$(ss -Hltn "sport = :$1")" ]; }
+is_socket() { [ -S "$1" ]; }
 bound_udp() { [ -n "$(ss -Hlun "sport = :$1")" ]; }
 in_log() { grep -q -- "$2" "$1" 2>/dev/null; }
 # in_log_times FILE TEXT N: TEXT occurs at least N times in FILE.
@@ -134,19 +149,27 @@ printf 'varnex2 1.3.6.1.4.1.99999.1 secret\n' >"$work/snmpd.peers"
 mount --bind "$work/snmpd.peers" /etc/snmpd.peers
 show cat /etc/snmpd.peers
 
-# The master agent with a configuration of its own and none of the system's: SMUX on, the
-# daemon's identity accepted, and traps sent to snmptrapd.
+# The master agent with a configuration of its own and none of the system's: SMUX on with
+# the daemon's identity accepted (or AgentX on, on a socket of the demo's), and traps sent to
+# snmptrapd.
 mkdir -p "$work/persist/cert_indexes" "$work/conf"
 export MIBS= SNMP_PERSISTENT_DIR=$work/persist SNMPCONFPATH=$work/conf
 cat >"$work/snmpd.conf" <<'EOF'
 agentaddress udp:127.0.0.1:161
-smuxsocket 127.0.0.1
-smuxpeer .1.3.6.1.4.1.99999.1 secret
 rocommunity public 127.0.0.1
 rwcommunity private 127.0.0.1
 trapsink 127.0.0.1:162 public
 dontLogTCPWrappersConnects yes
 EOF
+agentx_socket=$work/agentx.sock
+if [ "$agentx" = 1 ]; then
+  # snmpd waits agentxTimeout for each answer (1 s unless set), whatever the subagent asks
+  # for; varnex2 gives a DPI subagent up to 8 s.
+  printf 'master agentx\nagentXSocket %s\nagentxTimeout 10\ntrap2sink 127.0.0.1:162 public\n' \
+    "$agentx_socket" >>"$work/snmpd.conf"
+else
+  printf 'smuxsocket 127.0.0.1\nsmuxpeer .1.3.6.1.4.1.99999.1 secret\n' >>"$work/snmpd.conf"
+fi
 echo 'disableAuthorization yes' >"$work/snmptrapd.conf"
 
 heading "Starting snmptrapd, snmpd, varnex2 and the example subagent"
@@ -157,22 +180,37 @@ echo "snmptrapd  listens on udp 127.0.0.1:162"
 
 start snmpd "$work/snmpd.log" \
   snmpd -f -Lo -C -c "$work/snmpd.conf" -p "$work/snmpd.pid"
-wait_for "snmpd's SMUX port" 10 listening_tcp 199 || fail_with_log "$work/snmpd.log"
 wait_for "snmpd's SNMP port" 10 bound_udp 161 || fail_with_log "$work/snmpd.log"
-echo "snmpd      answers SNMP on udp 127.0.0.1:161 and SMUX on tcp 127.0.0.1:199"
+if [ "$agentx" = 1 ]; then
+  wait_for "snmpd's AgentX socket" 10 is_socket "$agentx_socket" || fail_with_log "$work/snmpd.log"
+  echo "snmpd      answers SNMP on udp 127.0.0.1:161 and AgentX on $agentx_socket"
+else
+  wait_for "snmpd's SMUX port" 10 listening_tcp 199 || fail_with_log "$work/snmpd.log"
+  echo "snmpd      answers SNMP on udp 127.0.0.1:161 and SMUX on tcp 127.0.0.1:199"
+fi
 
-# The daemon finds its identity under its own name, "varnex2", in /etc/snmpd.peers.
-start varnex2 "$work/varnex2.log" "$varnex2"
+# The daemon finds its identity under its own name, "varnex2", in /etc/snmpd.peers. One
+# variable makes it an AgentX subagent instead of a SMUX peer.
+if [ "$agentx" = 1 ]; then
+  printf '$ VARNEX2_AGENTX=%s varnex2\n' "$agentx_socket"
+  start varnex2 "$work/varnex2.log" env VARNEX2_AGENTX="$agentx_socket" "$varnex2"
+else
+  start varnex2 "$work/varnex2.log" "$varnex2"
+fi
 wait_for varnex2 10 in_log "$work/varnex2.log" "ready to receive requests" \
   || fail_with_log "$work/varnex2.log"
-echo "varnex2    is connected to snmpd as SMUX peer 1.3.6.1.4.1.99999.1"
+if [ "$agentx" = 1 ]; then
+  echo "varnex2    has an AgentX session with snmpd, identity 1.3.6.1.4.1.99999.1"
+else
+  echo "varnex2    is connected to snmpd as SMUX peer 1.3.6.1.4.1.99999.1"
+fi
 
 start example_subagent "$work/subagent.log" "$subagent" -h 127.0.0.1 -c public
 wait_for "the example subagent" 30 in_log "$work/subagent.log" "serving" \
   || fail_with_log "$work/subagent.log"
 # varnex2 sends a coldStart trap for every registration snmpd accepts: the second one (the
 # first is for the DPI port object) says snmpd now routes the subagent's subtree to it. A
-# request sent before that could cross the registration on the SMUX connection.
+# request sent before that could find the subtree not registered yet.
 wait_for "snmpd's acceptance of the subtree" 10 \
   in_log_times "$work/snmptrapd.log" "1.3.6.1.4.1.99999.1 Cold Start" 2 \
   || fail_with_log "$work/snmptrapd.log"
@@ -192,16 +230,32 @@ heading "A value the subagent refuses (it accepts 0..100): the set fails, nothin
 show snmpset -v1 -c private -On 127.0.0.1 1.3.6.1.4.1.99999.2.6.0 i 500 || true
 show snmpget -v1 -c public -On 127.0.0.1 1.3.6.1.4.1.99999.2.6.0
 
+if [ "$agentx" = 1 ]; then
+  heading "A set of two objects, one of them read-only: refused as a whole, nothing changes"
+  echo "(over AgentX every subagent checks its part before any commits; over SMUX the first"
+  echo " object would already have been changed)"
+  show snmpset -v2c -c private -On 127.0.0.1 1.3.6.1.4.1.99999.2.6.0 i 7 \
+    1.3.6.1.4.1.99999.2.2.0 i 1 || true
+  show snmpget -v2c -c public -On 127.0.0.1 1.3.6.1.4.1.99999.2.6.0
+fi
+
 heading "The traps snmptrapd received"
 # The subagent's trap travels DPI -> SMUX -> snmpd -> UDP; give it a moment to arrive.
 wait_for "the trap" 10 in_log "$work/snmptrapd.log" "1.3.6.1.4.1.99999.2 Enterprise" \
   || fail_with_log "$work/snmptrapd.log"
 cat <<'EOF'
-First snmpd's own coldStart, then a coldStart from varnex2 (enterprise: its SMUX identity
+First snmpd's own coldStart, then a coldStart from varnex2 (enterprise: its identity
 1.3.6.1.4.1.99999.1) for each subtree snmpd accepted from it, and last the trap the subagent
 sent when exampleLevel changed: enterprise-specific trap 1 of 1.3.6.1.4.1.99999.2, carrying
 the new value.
 EOF
+if [ "$agentx" = 1 ]; then
+  cat <<'EOF'
+Over AgentX each arrives twice: as an SNMPv1 trap, and as an SNMPv2 notification whose
+snmpTrapOID is 1.3.6.1.6.3.1.1.5.1 for coldStart and 1.3.6.1.4.1.99999.2.0.1 for the
+subagent's trap, followed by its varbinds and snmpTrapEnterprise.0.
+EOF
+fi
 cd "$work"
 show cat snmptrapd.log
 

@@ -161,6 +161,25 @@ TEST_F(DaemonCommandLine, OptionsThenUsageError) {
     }
 }
 
+// A VARNEX2_AGENTX the daemon cannot use ends it at once, before it starts anything.
+TEST_F(DaemonCommandLine, UnusableAgentXAddressEndsTheDaemon) {
+    const std::string rows[] = {
+        "",         "relative/agentx.sock",  "unix:relative", "tcp:",
+        "tcp:127.0.0.1",  "tcp::705",        "tcp:127.0.0.1:0", "tcp:127.0.0.1:65536",
+        "tcp:127.0.0.1:70x", "udp:127.0.0.1:705", "/" + std::string(120, 'x'),
+    };
+    for (const std::string& value : rows) {
+        SCOPED_TRACE(value);
+        setenv("VARNEX2_AGENTX", value.c_str(), 1);
+        std::string out;
+        EXPECT_EQ(run_daemon({}, &out), 1);
+        EXPECT_EQ(out.rfind("varnex2: VARNEX2_AGENTX=\"" + value + "\" cannot be used: ", 0), 0u)
+            << out;
+        EXPECT_EQ(out.find("starting"), std::string::npos) << out;
+    }
+    unsetenv("VARNEX2_AGENTX");
+}
+
 // The SNMP library's switches are read from the environment only when one of the bits 1, 2
 // or 4 is set; with SNMP_ERROR=2 reading them prints the library banner.
 TEST_F(DaemonCommandLine, LibrarySwitchesReadOnlyForLowBits) {

@@ -4,8 +4,10 @@
 set(daemon_dir ${CMAKE_SOURCE_DIR}/snmp/daemon)
 add_executable(daemon_registry_test ${CMAKE_CURRENT_SOURCE_DIR}/daemon_registry_test.cpp
                                     ${daemon_dir}/varnex2.cpp ${daemon_dir}/trace.cpp
-                                    ${daemon_dir}/conn.cpp ${daemon_dir}/session.cpp
-                                    ${daemon_dir}/registry.cpp ${daemon_dir}/forward.cpp)
+                                    ${daemon_dir}/conn.cpp ${daemon_dir}/holdings.cpp
+                                    ${daemon_dir}/session.cpp ${daemon_dir}/agentx_session.cpp
+                                    ${daemon_dir}/registry.cpp ${daemon_dir}/forward.cpp
+                                    ${daemon_dir}/agentx_forward.cpp)
 target_include_directories(daemon_registry_test PRIVATE ${daemon_dir})
 target_compile_definitions(daemon_registry_test PRIVATE main=varnex2_main)
 target_compile_options(daemon_registry_test PRIVATE -Wno-missing-declarations)

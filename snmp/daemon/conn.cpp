@@ -2,16 +2,20 @@
 #include "conn.h"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
+#include "agentx_ed.h"
 #include "trace.h"
 
 int smux_fd = -1;
@@ -22,7 +26,9 @@ fd_set readyfds;
 int nfds = 0;
 int sa_fds[MAX_SUBAGENTS] = {-1, -1, -1, -1, -1};
 uint32_t dpi_listen_address = htonl(INADDR_ANY);
-vx_conn agent_in = {.fd = -1, .len = 0, .last_byte_ns = 0, .recv_timeout_ns = 0, .buf = {}};
+vx_conn agent_in = {
+    .fd = -1, .len = 0, .last_byte_ns = 0, .recv_timeout_ns = 0, .serial = 0, .buf = {}};
+agentx_address agentx_master = {.set = 0, .len = 0, .addr = {}};
 
 namespace {
 constexpr int SMUX_PORT = 199;
@@ -33,6 +39,7 @@ constexpr int64_t TIMEOUT_SLACK_NS = 100000000;
 constexpr int LISTEN_BACKLOG = 5;
 // One input buffer per slot; slot i belongs to sa_fds[i].
 vx_conn sa_conns[MAX_SUBAGENTS];
+uint64_t last_serial = 0;
 }  // namespace
 
 int64_t vx_now_ns(void) {
@@ -89,6 +96,7 @@ int add_sa_fd(int fd) {
             sa_conns[i].len = 0;
             sa_conns[i].last_byte_ns = vx_now_ns();
             sa_conns[i].recv_timeout_ns = 0;
+            sa_conns[i].serial = ++last_serial;
             watch_fd(fd);
             conn_no_delay(fd);
             set_recv_timeout(&sa_conns[i], DPI_WAIT_SECONDS * NS_PER_S);
@@ -115,8 +123,8 @@ void conn_no_delay(int fd) {
 }
 
 // A select() set cannot hold descriptors past FD_SETSIZE; such a socket is refused at once.
-static int new_socket(const char* label) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+static int new_socket(const char* label, int family = AF_INET) {
+    int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         perror(label);
         return -1;
@@ -170,6 +178,95 @@ int SMUXconnect(void) {
         return -1;
     }
     conn_no_delay(fd);
+    return fd;
+}
+
+static int say_why(char* why, size_t why_size, const char* text) {
+    snprintf(why, why_size, "%s", text);
+    return -1;
+}
+
+int conn_set_agentx_address(const char* text, char* why, size_t why_size) {
+    static const char tcp[] = "tcp:";
+    static const char unix_prefix[] = "unix:";
+    agentx_address a{};
+    if (strncmp(text, tcp, sizeof tcp - 1) == 0) {
+        // The port follows the last colon, so that an IPv6 address may hold colons too.
+        const char* host = text + sizeof tcp - 1;
+        const char* colon = strrchr(host, ':');
+        if (colon == nullptr || colon == host) {
+            return say_why(why, why_size, "tcp: needs HOST:PORT");
+        }
+        char* end = nullptr;
+        unsigned long port = strtoul(colon + 1, &end, 10);
+        if (colon[1] < '0' || colon[1] > '9' || *end != '\0' || port == 0 || port > 65535) {
+            return say_why(why, why_size, "the port must be a number from 1 to 65535");
+        }
+        char name[256];
+        size_t n = static_cast<size_t>(colon - host);
+        if (n >= 2 && host[0] == '[' && host[n - 1] == ']') {
+            host++;
+            n -= 2;
+        }
+        if (n == 0 || n >= sizeof name) {
+            return say_why(why, why_size, "the host name is empty or too long");
+        }
+        memcpy(name, host, n);
+        name[n] = '\0';
+        addrinfo hints{};
+        hints.ai_family = AF_UNSPEC;
+        hints.ai_socktype = SOCK_STREAM;
+        hints.ai_flags = AI_NUMERICSERV;
+        addrinfo* found = nullptr;
+        int rc = getaddrinfo(name, colon + 1, &hints, &found);
+        if (rc != 0 || found == nullptr) {
+            snprintf(why, why_size, "host \"%s\": %s", name, rc != 0 ? gai_strerror(rc) : "no address");
+            return -1;
+        }
+        memcpy(&a.addr, found->ai_addr, found->ai_addrlen);
+        a.len = found->ai_addrlen;
+        freeaddrinfo(found);
+    } else {
+        const char* path = text;
+        if (strncmp(path, unix_prefix, sizeof unix_prefix - 1) == 0) {
+            path += sizeof unix_prefix - 1;
+        }
+        // A relative path would depend on the directory the daemon happens to start in.
+        if (path[0] != '/') {
+            return say_why(why, why_size,
+                           text[0] == '\0' ? "it is empty" : "a socket path must be absolute");
+        }
+        sockaddr_un un{};
+        if (strlen(path) >= sizeof un.sun_path) {
+            snprintf(why, why_size, "the socket path is longer than %zu bytes",
+                     sizeof un.sun_path - 1);
+            return -1;
+        }
+        un.sun_family = AF_UNIX;
+        memcpy(un.sun_path, path, strlen(path) + 1);
+        memcpy(&a.addr, &un, sizeof un);
+        a.len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(path) + 1);
+    }
+    a.set = 1;
+    agentx_master = a;
+    return 0;
+}
+
+int AgentXconnect(void) {
+    int family = agentx_master.addr.ss_family;
+    int fd = new_socket("AgentXconnect::socket", family);
+    if (fd < 0) {
+        return -1;
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&agentx_master.addr), agentx_master.len) <
+        0) {
+        perror("AgentXconnect::connect");
+        close(fd);
+        return -1;
+    }
+    if (family != AF_UNIX) {
+        conn_no_delay(fd);
+    }
     return fd;
 }
 
@@ -247,13 +344,30 @@ int conn_smux_frame(const vx_conn* c, uint32_t* total) {
         }
         size = 2u + octets + len;
     }
-    if (size > sizeof c->buf) {
+    if (size > SMUX_MAX_PDU) {
         return FRAME_TOO_LARGE;
     }
     if (size > have) {
         return FRAME_PARTIAL;
     }
     *total = static_cast<uint32_t>(size);
+    return FRAME_WHOLE;
+}
+
+int conn_agentx_frame(const vx_conn* c, uint32_t* total) {
+    uint32_t size = 0;
+    int rc = agentx_frame_len(c->buf, c->len, &size);
+    if (rc == AGENTX_TOO_BIG || ((rc == AGENTX_OK || rc == AGENTX_NEED_MORE) &&
+                                 size > sizeof c->buf)) {
+        return FRAME_TOO_LARGE;
+    }
+    if (rc == AGENTX_NEED_MORE) {
+        return FRAME_PARTIAL;
+    }
+    if (rc != AGENTX_OK) {
+        return FRAME_MALFORMED;
+    }
+    *total = size;
     return FRAME_WHOLE;
 }
 

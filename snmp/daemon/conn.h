@@ -1,21 +1,27 @@
 #pragma once
-// The daemon's connections: the agent connection, the DPI listener and the subagent slots,
-// the descriptor set the loop waits on, and the framing of SMUX PDUs and DPI packets in each
-// connection's input buffer. Nothing here knows what a PDU or packet means.
+// The daemon's connections: the agent connection (SMUX over TCP, or AgentX over a Unix or
+// TCP socket), the DPI listener and the subagent slots, the descriptor set the loop waits
+// on, and the framing of SMUX PDUs, AgentX PDUs and DPI packets in each connection's input
+// buffer. Nothing here knows what a PDU or packet means.
 //
 // Every connection is read with one receive per readiness into its own buffer, without
 // blocking (MSG_DONTWAIT): readiness seen earlier in a pass may be stale, because a forwarded
 // request reads from the subagent it waits on. Whole frames are then cut from the buffer.
 // Writes stay blocking and go out in one call each, with Nagle's delay off.
 #include <sys/select.h>
+#include <sys/socket.h>
 
+#include <cstddef>
 #include <cstdint>
 
 inline constexpr int MAX_SUBAGENTS = 5;
 inline constexpr unsigned DPI_MAX_PACKET = 4096;  // on the wire, length field included
-inline constexpr unsigned CONN_BUF_SIZE = 4096;
+inline constexpr unsigned SMUX_MAX_PDU = 4096;
+// An AgentX master passes on SNMP requests of up to 64 KiB whole; their PDUs must fit.
+inline constexpr unsigned CONN_BUF_SIZE = 72 * 1024;
 inline constexpr int DPI_WAIT_SECONDS = 8;
 
+// The agent connection, whichever protocol it speaks.
 extern int smux_fd;
 extern int dpi_fd;
 extern int dpi_port;
@@ -30,11 +36,20 @@ struct vx_conn {
     uint32_t len;             // bytes in `buf`, from its start
     int64_t last_byte_ns;     // when the last byte arrived; for a partial frame's time limit
     int64_t recv_timeout_ns;  // the socket's receive time-out, for conn_await_dpi
+    uint64_t serial;  // new for every subagent a slot takes: tells a reused descriptor apart
     uint8_t buf[CONN_BUF_SIZE];
 };
 
 // The agent connection's input. Its `fd` mirrors `smux_fd`.
 extern vx_conn agent_in;
+
+// Where the AgentX master listens, when the daemon speaks AgentX (VARNEX2_AGENTX set).
+struct agentx_address {
+    int set;  // 0: the daemon speaks SMUX
+    socklen_t len;
+    sockaddr_storage addr;  // AF_UNIX or AF_INET/AF_INET6
+};
+extern agentx_address agentx_master;
 
 // Monotonic clock in nanoseconds.
 [[nodiscard]] int64_t vx_now_ns(void);
@@ -61,6 +76,12 @@ void del_sa_fd(int fd);
 [[nodiscard]] int DPI_port(void);
 // Connected socket to the agent's SMUX port on this host, or -1.
 [[nodiscard]] int SMUXconnect(void);
+// Takes the master's AgentX address written as net-snmp's agentXSocket does: a path of a
+// Unix-domain socket (absolute, or after "unix:"), or tcp:HOST:PORT (HOST a name, an IPv4
+// address or an IPv6 one in brackets). 0, or -1 with the reason in `why`.
+[[nodiscard]] int conn_set_agentx_address(const char* text, char* why, size_t why_size);
+// Connected socket to the AgentX master at `agentx_master`, or -1.
+[[nodiscard]] int AgentXconnect(void);
 // Small PDUs must leave at once rather than wait for the peer's acknowledgement.
 void conn_no_delay(int fd);
 
@@ -82,8 +103,11 @@ enum : int {
 };
 // A DPI packet: 2-byte big-endian length, then that many bytes; at most DPI_MAX_PACKET.
 [[nodiscard]] int conn_dpi_frame(const vx_conn* c, uint32_t* total);
-// A SMUX PDU: one BER element with a one-octet tag and a definite length of up to 4 octets.
+// A SMUX PDU: one BER element with a one-octet tag and a definite length of up to 4 octets;
+// at most SMUX_MAX_PDU.
 [[nodiscard]] int conn_smux_frame(const vx_conn* c, uint32_t* total);
+// An AgentX PDU: the 20-byte header and the payload it announces; at most CONN_BUF_SIZE.
+[[nodiscard]] int conn_agentx_frame(const vx_conn* c, uint32_t* total);
 
 // Why a subagent connection failed, for its trace.
 enum conn_failure : int { CONN_END, CONN_ERROR, CONN_TOO_LARGE };

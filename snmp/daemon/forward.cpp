@@ -13,6 +13,7 @@
 #include <cstring>
 #include <new>
 
+#include "agentx_session.h"
 #include "conn.h"
 #include "registry.h"
 #include "session.h"
@@ -20,6 +21,7 @@
 #include "snmp_container.h"
 #include "snmp_dpi.h"
 #include "snmp_ed.h"
+#include "dpi_tables.h"
 #include "trace.h"
 
 namespace {
@@ -38,81 +40,10 @@ inline constexpr size_t FWD_TEXT_SIZE = 8192;
 
 constexpr const char* DPI_PORT_INSTANCE = "1.3.6.1.4.1.2.2.1.1.1.0";
 
-// How an SNMP value of a Set travels in DPI. A tag outside the table has no DPI form.
-struct snmp_to_dpi_row {
-    uint8_t tag;
-    int dpi_type;  // 0: decided by the hint (OCTET STRING) or made from text (OID)
-};
-inline constexpr std::array<snmp_to_dpi_row, 8> snmp_to_dpi_table{{
-    {.tag = SNMP_TAG_INTEGER, .dpi_type = DPI_TYPE_Integer32},
-    {.tag = SNMP_TAG_OCTET_STRING, .dpi_type = 0},
-    {.tag = SNMP_TAG_NULL, .dpi_type = DPI_TYPE_NULL},
-    {.tag = SNMP_TAG_OID, .dpi_type = 0},
-    {.tag = SNMP_TAG_IPADDRESS, .dpi_type = DPI_TYPE_IpAddress},
-    {.tag = SNMP_TAG_COUNTER32, .dpi_type = DPI_TYPE_Counter32},
-    {.tag = SNMP_TAG_GAUGE32, .dpi_type = DPI_TYPE_Gauge32},
-    {.tag = SNMP_TAG_TIMETICKS, .dpi_type = DPI_TYPE_TimeTicks},
-}};
-static_assert(snmp_to_dpi_table.size() == 8);
-
-// How a DPI value comes back as an SNMP value.
-enum dpi_value_form : uint8_t {
-    FORM_WORD,     // 32-bit host-order number as parsed
-    FORM_BYTES,    // the received bytes
-    FORM_NULL,     // no value
-    FORM_NO_SUCH,  // an exception: the object is not there
-};
-struct dpi_to_snmp_row {
-    int dpi_type;
-    uint8_t tag;
-    uint8_t hint;
-    dpi_value_form form;
-};
-inline constexpr std::array<dpi_to_snmp_row, 12> dpi_to_snmp_table{{
-    {.dpi_type = DPI_TYPE_Integer32, .tag = SNMP_TAG_INTEGER, .hint = 0, .form = FORM_WORD},
-    {.dpi_type = DPI_TYPE_Counter32, .tag = SNMP_TAG_COUNTER32, .hint = 0, .form = FORM_WORD},
-    {.dpi_type = DPI_TYPE_Gauge32, .tag = SNMP_TAG_GAUGE32, .hint = 0, .form = FORM_WORD},
-    {.dpi_type = DPI_TYPE_TimeTicks, .tag = SNMP_TAG_TIMETICKS, .hint = 0, .form = FORM_WORD},
-    {.dpi_type = DPI_TYPE_IpAddress, .tag = SNMP_TAG_IPADDRESS, .hint = 0, .form = FORM_BYTES},
-    {.dpi_type = DPI_TYPE_DisplayString,
-     .tag = SNMP_TAG_OCTET_STRING,
-     .hint = 1,
-     .form = FORM_BYTES},
-    {.dpi_type = DPI_TYPE_OCTET_STRING,
-     .tag = SNMP_TAG_OCTET_STRING,
-     .hint = 0,
-     .form = FORM_BYTES},
-    // SNMPv1 has no way to say "this octet string is an OID in text", and the text is what
-    // the subagent gave us, so it goes to the manager as it is.
-    {.dpi_type = DPI_TYPE_OBJECT_IDENTIFIER,
-     .tag = SNMP_TAG_OCTET_STRING,
-     .hint = 0,
-     .form = FORM_BYTES},
-    {.dpi_type = DPI_TYPE_NULL, .tag = SNMP_TAG_NULL, .hint = 0, .form = FORM_NULL},
-    {.dpi_type = DPI_TYPE_noSuchObject, .tag = 0, .hint = 0, .form = FORM_NO_SUCH},
-    {.dpi_type = DPI_TYPE_noSuchInstance, .tag = 0, .hint = 0, .form = FORM_NO_SUCH},
-    {.dpi_type = DPI_TYPE_endOfMibView, .tag = 0, .hint = 0, .form = FORM_NO_SUCH},
-}};
-static_assert(dpi_to_snmp_table.size() == 12);
-
-// SNMPv2 error codes of a DPI RESPONSE folded into the SNMPv1 statuses the agent speaks.
-// Codes above the table's end are all genErr.
-inline constexpr std::array<uint8_t, 19> dpi_error_table{{
-    0, 1, 2, 3, 4, 5,  // noError .. genErr keep their numbers
-    2,                 // noAccess
-    3, 3, 3, 3,        // wrongType, wrongLength, wrongEncoding, wrongValue
-    2,                 // noCreation
-    3,                 // inconsistentValue
-    5, 5, 5,           // resourceUnavailable, commitFailed, undoFailed
-    2, 2, 2,           // authorizationError, notWritable, inconsistentName
-}};
-static_assert(dpi_error_table.size() == DPI_ERROR_inconsistentName + 1);
-static_assert(dpi_error_table[DPI_ERROR_notWritable] == FWD_NO_SUCH_NAME);
-
 }  // namespace
 
 // The daemon's own object: the DPI port, so that subagents can learn it from the agent.
-static int do_mib_request(uint8_t type, snmp_varBind* vb) {
+int do_mib_request(uint8_t type, snmp_varBind* vb) {
     static snmp_container* dpi_port_oid_p = nullptr;  // kept for the life of the process
     if (dpi_port_oid_p == nullptr) {
         dpi_port_oid_p = snmp_create_oid_container(DPI_PORT_INSTANCE);
@@ -284,8 +215,8 @@ static int await_response(int fd, int64_t deadline_ns, bool trace_read_failure) 
         if (hdr->packet_type == SNMP_DPI_TRAP) {
             auto* trap = static_cast<dpi_trap_packet*>(hdr->data);
             if (trap != nullptr) {
-                process_dpi_trapv1(trap->generic, trap->specific, trap->enterprise_id,
-                                   trap->varBinds);
+                forward_trap(trap->generic, trap->specific, trap->enterprise_id,
+                             trap->varBinds);
             }
             continue;
         }
@@ -302,6 +233,24 @@ static int await_response(int fd, int64_t deadline_ns, bool trace_read_failure) 
 // The whole answer to a packet sent now must be in within this.
 static int64_t answer_deadline(void) {
     return vx_now_ns() + static_cast<int64_t>(DPI_WAIT_SECONDS) * 1000000000;
+}
+
+int forward_exchange(int fd, const unsigned char* packet, dpi_hdr** out) {
+    *out = nullptr;
+    if (packet == nullptr) {
+        VX_TRACE(TRACE_LVL1, "error making DPI packet for remote agent");
+        return -1;
+    }
+    if (DPIsend(fd, packet) != 0) {
+        unregister_fd(fd);
+        return -2;
+    }
+    if (await_response(fd, answer_deadline(), true) != 0) {
+        return -2;
+    }
+    *out = hdr;
+    hdr = nullptr;
+    return 0;
 }
 
 // Numeric order of two dotted OID texts: <0, 0, >0. Texts that are not numbers fall back to
@@ -584,6 +533,14 @@ int remote_mib_req(uint8_t type, snmp_varBind* vb, registration_entry* entry, in
         return fill_varBind(reply_type, reply_len, reply_value, nullptr, vb);
     }
     return fill_varBind(reply_type, reply_len, reply_value, reply_oid, vb);
+}
+
+void forward_trap(int generic, int specific, const char* enterprise, dpi_set_packet* varBinds) {
+    if (agentx_master.set) {
+        agentx_notify(generic, specific, enterprise, varBinds);
+    } else {
+        process_dpi_trapv1(generic, specific, enterprise, varBinds);
+    }
 }
 
 void process_dpi_trapv1(int generic, int specific, const char* enterprise,

@@ -1,5 +1,5 @@
-// The SMUX session: peers file, OpenPDU, writes to the agent, and the bookkeeping of the
-// registrations the agent holds for the daemon.
+// The SMUX session: peers file, OpenPDU, writes to the agent, and the RReqs that make the
+// agent hold what the registration table wants.
 #include "session.h"
 
 #include <unistd.h>
@@ -41,61 +41,16 @@ constexpr int64_t SHORT_QUIET_NS = 200'000;
 constexpr int64_t SOFT_HOLD_NS = 200'000'000;
 constexpr int64_t HARD_HOLD_NS = 2'000'000'000;
 
-// One distinct subtree, as the agent holds it or is to hold it.
-struct agent_subtree {
-    snmp_container* oid;  // owned
-    int wanted;           // some registration in the table holds it
-    int at_agent;         // the agent accepted an add and no delete since
-    int in_flight;        // an RReq for it is unanswered
-    int32_t flight_op;    // that RReq's operation
-    uint64_t flight_seq;  // its place in the order RReqs were sent
-    int refused;          // the agent refused to add it; not offered again while wanted
-    int64_t pending_since;
-    agent_subtree* next;
-};
-
-agent_subtree* subtrees = nullptr;
 uint64_t next_seq = 1;
-int session_open = 0;
 int64_t last_activity_ns = 0;
 session_counts counts = {0, 0};
 
 smux_pdu open_pdu;  // the OpenPDU
 smux_pdu rreq_pdu;  // RReqs; the subtree container stays its entry's
 
-bool needs_rreq(const agent_subtree* s) {
-    return !s->in_flight && !s->refused && s->wanted != s->at_agent;
-}
-
-// Entries nobody wants and the agent does not hold are of no more use; a refusal is kept
-// while the subtree is wanted.
-void collect(agent_subtree* s) {
-    if (s->in_flight || s->wanted || s->at_agent) {
-        return;
-    }
-    for (agent_subtree** p = &subtrees; *p != nullptr; p = &(*p)->next) {
-        if (*p == s) {
-            *p = s->next;
-            snmp_free_container(s->oid);
-            free(s);
-            return;
-        }
-    }
-}
-
-agent_subtree* oldest_in_flight(void) {
-    agent_subtree* oldest = nullptr;
-    for (agent_subtree* s = subtrees; s != nullptr; s = s->next) {
-        if (s->in_flight && (oldest == nullptr || s->flight_seq < oldest->flight_seq)) {
-            oldest = s;
-        }
-    }
-    return oldest;
-}
-
-void trace_subtree(const char* what, const agent_subtree* s) {
+void trace_subtree(const char* what, const held_subtree* s) {
     if (tracing & TRACE_LVL1) {
-        char* text = snmp_oid_to_string(s->oid);
+        char* text = held_text(s);
         VX_TRACE(TRACE_LVL1, "%s %s\n", what, text != nullptr ? text : "?");
         free(text);
     }
@@ -117,8 +72,7 @@ static void replace_text(char** slot, const char* text) {
     *slot = copy;
 }
 
-// Looks `name` up in the peers file; returns the number of lines read.
-static int read_peers_file(const char* name) {
+int read_peers_file(const char* name) {
     static char line[PEERS_LINE_SIZE];
     static const char separators[] = "\"\n\t\v\f ";
 
@@ -162,7 +116,7 @@ static int read_peers_file(const char* name) {
     return lines;
 }
 
-static void wipe_password(void) {
+void wipe_password(void) {
     if (mypw != nullptr) {
         explicit_bzero(mypw, strlen(mypw));
     }
@@ -265,60 +219,13 @@ void SMUXclose(int32_t reason) {
 
 // ---- registrations at the agent ----
 
-void session_want(const snmp_container* subtree, int wanted) {
-    agent_subtree* s = subtrees;
-    agent_subtree* last = nullptr;
-    for (; s != nullptr; last = s, s = s->next) {
-        if (snmp_compare_oid_subids(s->oid, subtree, 0) == 0) {
-            break;
-        }
-    }
-    if (s == nullptr) {
-        if (!wanted) {
-            return;
-        }
-        s = static_cast<agent_subtree*>(calloc(1, sizeof(agent_subtree)));
-        if (s == nullptr || (s->oid = snmp_copy_container_value(nullptr, subtree)) == nullptr) {
-            free(s);
-            VX_SAY("Out of memory\n");
-            return;
-        }
-        if (last == nullptr) {
-            subtrees = s;
-        } else {
-            last->next = s;
-        }
-    }
-    s->wanted = wanted != 0;
-    if (!s->wanted) {
-        s->refused = 0;  // offered again if somebody registers it anew
-    }
-    if (needs_rreq(s)) {
-        s->pending_since = vx_now_ns();
-    }
-    collect(s);
-}
-
 void session_opened(void) {
-    session_open = 1;
+    held_opened();
     last_activity_ns = vx_now_ns();
 }
 
 void session_lost(void) {
-    session_open = 0;
-    agent_subtree* s = subtrees;
-    while (s != nullptr) {
-        agent_subtree* next = s->next;
-        s->in_flight = 0;
-        s->at_agent = 0;
-        if (!s->refused) {
-            // The registration table declares again what it holds when the next session
-            // opens, in its own order.
-            s->wanted = 0;
-        }
-        collect(s);
-        s = next;
-    }
+    held_lost();
 }
 
 void session_activity(int64_t now_ns) {
@@ -326,15 +233,15 @@ void session_activity(int64_t now_ns) {
 }
 
 int64_t session_next_flush(void) {
-    if (!session_open || smux_fd < 0) {
+    if (!held_session_open() || smux_fd < 0) {
         return INT64_MAX;
     }
     int64_t oldest = INT64_MAX;
-    for (const agent_subtree* s = subtrees; s != nullptr; s = s->next) {
+    for (const held_subtree* s = held_subtrees; s != nullptr; s = s->next) {
         if (s->in_flight) {
             return INT64_MAX;  // one batch at a time: its answers show the agent is listening
         }
-        if (needs_rreq(s) && s->pending_since < oldest) {
+        if (held_needs_request(s) && s->pending_since < oldest) {
             oldest = s->pending_since;
         }
     }
@@ -358,8 +265,8 @@ int session_flush(int64_t now_ns) {
     // per receive, leaving the rest queued.
     uint8_t batch[SMUX_BUF_SIZE];
     uint32_t used = 0;
-    for (agent_subtree* s = subtrees; s != nullptr; s = s->next) {
-        if (!needs_rreq(s)) {
+    for (held_subtree* s = held_subtrees; s != nullptr; s = s->next) {
+        if (!held_needs_request(s)) {
             continue;
         }
         memset(&rreq_pdu, 0, sizeof rreq_pdu);
@@ -381,9 +288,7 @@ int session_flush(int64_t now_ns) {
         }
         memcpy(batch + used, buf, len);
         used += len;
-        s->in_flight = 1;
-        s->flight_op = rreq_pdu.operation;
-        s->flight_seq = next_seq++;
+        held_sent(s, next_seq++);
         counts.rreqs_sent++;
         trace_subtree(s->wanted ? "RReq add" : "RReq delete", s);
     }
@@ -395,42 +300,24 @@ int session_flush(int64_t now_ns) {
 }
 
 int session_rrsp(int32_t code) {
-    agent_subtree* s = oldest_in_flight();
+    held_subtree* s = held_oldest_in_flight();
     if (s == nullptr) {
         return code < 0 ? -1 : 0;
     }
-    s->in_flight = 0;
-    int result = 0;
-    if (code < 0) {
-        s->at_agent = 0;
-        if (s->flight_op != RREQ_DELETE) {
-            s->refused = 1;
-        }
-        result = -1;
-    } else {
-        s->at_agent = s->flight_op != RREQ_DELETE;
-    }
-    if (needs_rreq(s)) {
-        s->pending_since = vx_now_ns();
-    }
-    collect(s);
-    return result;
+    held_answered(s, code >= 0);
+    return code < 0 ? -1 : 0;
 }
 
 int session_request_eaten(void) {
-    agent_subtree* s = oldest_in_flight();
+    held_subtree* s = held_oldest_in_flight();
     if (s == nullptr) {
         return 0;
     }
-    s->in_flight = 0;
     counts.rreqs_eaten++;
     if (tracing & TRACE_LVL1) {
         trace_subtree("RReq taken by the agent as an answer, to be sent again:", s);
     }
-    if (needs_rreq(s)) {
-        s->pending_since = vx_now_ns();
-    }
-    collect(s);
+    held_unanswered(s);
     return 1;
 }
 
@@ -443,11 +330,5 @@ void session_release(void) {
     myoid = nullptr;
     free(mypw);
     mypw = nullptr;
-    while (subtrees != nullptr) {
-        agent_subtree* s = subtrees;
-        subtrees = s->next;
-        snmp_free_container(s->oid);
-        free(s);
-    }
-    session_open = 0;
+    held_release();
 }

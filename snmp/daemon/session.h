@@ -10,11 +10,10 @@
 // request that arrives while an RReq is unanswered proves that the agent took that RReq as
 // the answer to the request: the request is left unanswered and the RReq is sent again.
 //
-// What the agent holds is kept per distinct subtree, apart from the registration table, so
-// the same subtree is never registered twice at the agent (its SMUX code crashes when one of
-// two equal registrations is deleted), a delete is sent only for what the agent holds, and
-// a subtree added and withdrawn before its RReq went out costs nothing.
+// What the agent holds, per distinct subtree, is the neutral record of holdings.h.
 #include <cstdint>
+
+#include "holdings.h"
 
 struct smux_pdu;
 struct snmp_container;
@@ -24,6 +23,12 @@ extern char* myoid;  // identity OID as dotted text from the peers file, null un
 extern char* mypw;   // SMUX password from the peers file; wiped after every open
 extern const char varnex2_banner[];
 
+// Looks `name` up in the peers file, taking the identity OID and password of its line into
+// `myoid` and `mypw` (kept as they were when no line names it); the number of lines read.
+// The AgentX session takes its identity from here too.
+[[nodiscard]] int read_peers_file(const char* name);
+// Overwrites the password in memory.
+void wipe_password(void);
 // Reads the peers file and sends the OpenPDU. 0, -1 when no identity can be made or the
 // password is too long, the encoder's failure, or SMUXsend's.
 [[nodiscard]] int SMUXopen(const char* name);
@@ -36,9 +41,6 @@ void SMUXclose(int32_t reason);
 
 // ---- registrations at the agent ----
 
-// The registration table wants `subtree` held by the agent (non-zero) or no longer. The
-// RReq, if one is needed, goes out from session_flush. The container stays the caller's.
-void session_want(const snmp_container* subtree, int wanted);
 // A session has just been opened: nothing is held at the agent yet.
 void session_opened(void);
 // The agent connection is gone, and with it everything the agent held for the daemon.
@@ -66,5 +68,6 @@ struct session_counts {
 };
 [[nodiscard]] session_counts session_get_counts(void);
 
-// Releases the session's tables, identity and password: for the end of the process.
+// Releases the record of what the agent holds, the identity and the password: for the end
+// of the process.
 void session_release(void);

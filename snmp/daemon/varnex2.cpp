@@ -13,6 +13,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "agentx_ed.h"
+#include "agentx_forward.h"
+#include "agentx_session.h"
 #include "forward.h"
 #include "registry.h"
 #include "smux_ed.h"
@@ -36,6 +39,10 @@ volatile sig_atomic_t stop_signal = 0;
 
 // ---- connections ---------------------------------------------------------------------------
 
+static bool speaks_agentx(void) {
+    return agentx_master.set != 0;
+}
+
 static void close_agent_connection(void) {
     if (smux_fd != -1) {
         forget_fd(smux_fd);
@@ -43,6 +50,10 @@ static void close_agent_connection(void) {
     }
     agent_in.fd = -1;
     agent_in.len = 0;
+    if (speaks_agentx()) {
+        agentx_lost();
+        agentx_forward_lost();
+    }
     session_lost();
 }
 
@@ -75,8 +86,7 @@ static int handle_DPI_packet(int fd, vx_conn* c, uint32_t total) {
     case SNMP_DPI_TRAP: {
         auto* trap = static_cast<dpi_trap_packet*>(tree->data);
         if (trap != nullptr) {
-            process_dpi_trapv1(trap->generic, trap->specific, trap->enterprise_id,
-                               trap->varBinds);
+            forward_trap(trap->generic, trap->specific, trap->enterprise_id, trap->varBinds);
         }
         fDPIparse(tree);
         return 0;
@@ -314,15 +324,16 @@ void init_smux_dpi_fds(void) {
     if (smux_fd != -1) {
         return;
     }
-    smux_fd = SMUXconnect();
+    const bool agentx = speaks_agentx();
+    smux_fd = agentx ? AgentXconnect() : SMUXconnect();
     if (smux_fd == -1) {
-        VX_RC(-1, "SMUXconnect");
+        VX_RC(-1, agentx ? "AgentXconnect" : "SMUXconnect");
         VX_SAY("Connect to agent failed, will retry\n");
         return;
     }
     agent_in.fd = smux_fd;
     agent_in.len = 0;
-    VX_TRACE(TRACE_LVL1, "SMUX fd: %d\n", smux_fd);
+    VX_TRACE(TRACE_LVL1, agentx ? "AgentX fd: %d\n" : "SMUX fd: %d\n", smux_fd);
 
     if (dpi_fd == -1) {
         dpi_fd = DPI_port();
@@ -341,24 +352,31 @@ void init_smux_dpi_fds(void) {
     watch_fd(smux_fd);
     watch_fd(dpi_fd);
 
-    int rc = SMUXopen(myname);
-    VX_RC(rc, "SMUXopen");
+    int rc = agentx ? agentx_open() : SMUXopen(myname);
+    VX_RC(rc, agentx ? "agentx_open" : "SMUXopen");
     if (rc != 0) {
-        VX_TRACE(TRACE_LVL1, "Error on SMUXopen\n");
+        VX_TRACE(TRACE_LVL1, agentx ? "Error on the AgentX Open\n" : "Error on SMUXopen\n");
         close_agent_connection();
         close_dpi_listener();
         return;
     }
 
     // A new session starts with nothing registered at the agent, so the subagents' subtrees
-    // are announced again (all but one the agent refused before).
-    session_opened();
+    // are announced again (all but one the agent refused before). Over AgentX they go once
+    // the master has answered the Open, which is also when the session is ready.
+    if (agentx) {
+        held_opened();
+    } else {
+        session_opened();
+    }
     register_subtrees();
     char subtree[sizeof dpi_port_subtree];
     memcpy(subtree, dpi_port_subtree, sizeof subtree);
     (void)register_object(subtree, -1);
 
-    VX_SAY("%s connected to agent, ready to receive requests.....\n", myname);
+    if (!agentx) {
+        VX_SAY("%s connected to agent, ready to receive requests.....\n", myname);
+    }
 }
 
 static bool ready(int fd) {
@@ -367,7 +385,7 @@ static bool ready(int fd) {
 
 // The earliest moment the loop has something to do without any socket becoming readable.
 static int64_t next_deadline(int64_t now_ns) {
-    int64_t next = session_next_flush();
+    int64_t next = speaks_agentx() ? agentx_next_flush() : session_next_flush();
     if (smux_fd == -1) {
         int64_t retry = now_ns + AGENT_RETRY_SECONDS * NS_PER_S;
         next = retry < next ? retry : next;
@@ -383,14 +401,18 @@ static int64_t next_deadline(int64_t now_ns) {
 // does every subagent; then the process ends.
 [[noreturn]] static void stop_daemon(void) {
     VX_SAY("%s stopping on signal %d\n", myname, static_cast<int>(stop_signal));
-    // A request that reached the daemon together with the signal is answered first: the
-    // agent waits for that answer and would take the ClosePDU for it.
-    if (smux_fd != -1 && handle_smux() != 0) {
-        close_agent_connection();
-    }
-    if (smux_fd != -1) {
+    if (speaks_agentx()) {
+        agentx_close(AGENTX_CLOSE_SHUTDOWN);
+    } else {
+        // A request that reached the daemon together with the signal is answered first:
+        // the agent waits for that answer and would take the ClosePDU for it.
+        if (smux_fd != -1 && handle_smux() != 0) {
+            close_agent_connection();
+        }
         // The agent drops every registration of the session at once.
         SMUXclose(SMUX_CLOSE_GOING_DOWN);
+    }
+    if (smux_fd != -1) {
         conn_drain(smux_fd);
         close_agent_connection();
     }
@@ -407,8 +429,11 @@ static int64_t next_deadline(int64_t now_ns) {
         del_sa_fd(fd);
     }
     close_dpi_listener();
-    session_counts n = session_get_counts();
-    VX_SAY("%lu RReqs sent, %lu taken by the agent as answers\n", n.rreqs_sent, n.rreqs_eaten);
+    if (!speaks_agentx()) {
+        session_counts n = session_get_counts();
+        VX_SAY("%lu RReqs sent, %lu taken by the agent as answers\n", n.rreqs_sent,
+               n.rreqs_eaten);
+    }
     registry_release();
     session_release();
     fflush(stdout);
@@ -525,6 +550,23 @@ static void read_listen_address(void) {
     dpi_listen_address = addr.s_addr;
 }
 
+// VARNEX2_AGENTX makes the daemon an AgentX subagent of the master at that address instead
+// of a SMUX peer. A value that cannot be used ends it before it connects anywhere.
+static void read_agentx_address(void) {
+    const char* text = getenv("VARNEX2_AGENTX");
+    if (text == nullptr) {
+        return;
+    }
+    char why[256];
+    if (conn_set_agentx_address(text, why, sizeof why) != 0) {
+        fprintf(stderr,
+                "varnex2: VARNEX2_AGENTX=\"%s\" cannot be used: %s; give the path of the "
+                "master's Unix socket or tcp:HOST:PORT\n",
+                text, why);
+        exit(1);
+    }
+}
+
 int main(int argc, char** argv) {
     // The daemon only ends by a signal, so fully buffered output to a file would be lost.
     setvbuf(stdout, nullptr, _IOLBF, 0);
@@ -542,6 +584,7 @@ int main(int argc, char** argv) {
     }
     myname = identity_name(program);
     read_listen_address();
+    read_agentx_address();
 
     VX_SAY("%s, starting...\n%s\n", myname, varnex2_banner);
     sigset_t wait_mask;
@@ -580,8 +623,8 @@ int main(int argc, char** argv) {
 
         init_smux_dpi_fds();
         if (ready(smux_fd)) {
-            VX_TRACE(TRACE_LVL1, "SMUX request\n");
-            if (handle_smux() != 0) {
+            VX_TRACE(TRACE_LVL1, speaks_agentx() ? "AgentX request\n" : "SMUX request\n");
+            if ((speaks_agentx() ? handle_agentx() : handle_smux()) != 0) {
                 VX_SAY("Lost connection to agent\n");
                 close_agent_connection();
             }
@@ -604,7 +647,7 @@ int main(int argc, char** argv) {
         }
         now = vx_now_ns();
         drop_stalled_subagents(now);
-        if (session_flush(now) != 0) {
+        if ((speaks_agentx() ? agentx_flush(now) : session_flush(now)) != 0) {
             VX_SAY("Lost connection to agent\n");
             close_agent_connection();
         }

@@ -7,7 +7,8 @@
 
 extern int forever;
 
-// Brings up whatever of agent connection, DPI listener and SMUX session is missing.
+// Brings up whatever of agent connection, DPI listener and session (SMUX, or AgentX when
+// VARNEX2_AGENTX names the master) is missing.
 void init_smux_dpi_fds(void);
 // Reads what the agent sent and acts on every whole PDU. 0, or non-zero when the session
 // must end.

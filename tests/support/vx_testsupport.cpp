@@ -365,11 +365,15 @@ static bool snmpd_launch(vx_snmpd* agent, std::string* why_not) {
                                      "-c",    agent->dir + "/snmpd.conf",
                                      "-p",    agent->dir + "/snmpd.pid"};
     argv.insert(argv.end(), agent->extra_args.begin(), agent->extra_args.end());
+    const std::string socket_path = agent->agentx_socket;
     return launch_ready(
         &agent->proc, argv, agent->dir + "/snmpd.log",
-        [] {
+        [&socket_path] {
+            struct stat st;
             return proc_net_has("/proc/net/tcp", VX_SMUX_PORT, 0x0A) &&
-                   proc_net_has("/proc/net/udp", VX_SNMP_PORT, 0x07);
+                   proc_net_has("/proc/net/udp", VX_SNMP_PORT, 0x07) &&
+                   (socket_path.empty() ||
+                    (stat(socket_path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)));
         },
         why_not);
 }
@@ -388,7 +392,13 @@ bool vx_start_snmpd(vx_snmpd* agent, const std::vector<std::string>& extra_args,
     if (mkdir(agent->dir.c_str(), 0700) != 0 && errno != EEXIST) {
         return fail(why_not, "mkdir");
     }
-    if (!vx_write_file(agent->dir + "/snmpd.conf", SNMPD_CONF)) {
+    std::string conf = SNMPD_CONF;
+    if (!agent->agentx_socket.empty()) {
+        // snmpd gives a subagent agentxTimeout (1 s) per try whatever time-out the session
+        // asked for, and closes the session after 6 tries: the daemon asks for 10 s.
+        conf += "master agentx\nagentXSocket " + agent->agentx_socket + "\nagentxTimeout 10\n";
+    }
+    if (!vx_write_file(agent->dir + "/snmpd.conf", conf)) {
         return fail(why_not, "writing snmpd.conf");
     }
     return snmpd_launch(agent, why_not);

@@ -104,6 +104,9 @@ struct vx_snmpd {
     vx_process proc;
     std::string dir;                      // configuration, pid file, persistent state
     std::vector<std::string> extra_args;  // kept for vx_restart_snmpd
+    // When set before vx_start_snmpd: snmpd is also an AgentX master on this Unix socket
+    // (waiting 10 s for a subagent's answer), and is ready only once the socket exists.
+    std::string agentx_socket;
 };
 
 // Starts snmpd in the foreground with the standard test configuration (UDP 127.0.0.1:161,
