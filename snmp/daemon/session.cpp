@@ -29,20 +29,31 @@ constexpr int PEERS_MAX_FIELDS = 16;
 constexpr int32_t RREQ_DELETE = 0;
 constexpr int32_t RREQ_READ_WRITE = 2;
 
-// When RReqs go out. The agent eats an RReq only when it reaches it while a request of the
-// agent is on its way to us, so they wait for a pause in the agent's traffic: a GetBulk is
-// served as a chain of GetNexts that follow each answer within tens of microseconds, and a
-// pause of QUIET_NS means the agent has gone back to its managers. Under constant load no
-// such pause comes; after SOFT_HOLD_NS a shorter pause will do, one just longer than the
-// gaps inside a chain, and after HARD_HOLD_NS the RReqs go at the next chance, so that no
-// registration waits for long. A request that eats one costs a single failed lookup.
-constexpr int64_t QUIET_NS = 2'000'000;
-constexpr int64_t SHORT_QUIET_NS = 200'000;
-constexpr int64_t SOFT_HOLD_NS = 200'000'000;
-constexpr int64_t HARD_HOLD_NS = 2'000'000'000;
+// When RReqs go out. The agent eats an RReq that reaches it while one of its requests to us
+// is on the way; one waiting in its socket when it turns back to its managers is read
+// before their next request. So RReqs wait for a pause in the agent's traffic: a GetBulk is
+// served as a chain of GetNexts that follow each answer within tens of microseconds (a few
+// milliseconds at worst on a loaded host), and a pause of QUIET_NS means the agent has gone
+// back to its managers. Under constant load such pauses are rare; after SOFT_HOLD_NS a
+// shorter one will do, and after HARD_HOLD_NS the RReq goes at the next chance, so that no
+// registration waits for long.
+//
+// One RReq at a time: when one is eaten, the agent retries the request on the next
+// subtree, usually ours too, and would eat the next RReq queued behind it. Only while the
+// agent holds nothing of ours can it send us no request, so a session's first RReqs go
+// together. After an RReq was eaten, the agent's retry of that request is still to come,
+// sent when something wakes its loop; an RReq sent before it would wake the agent and be
+// eaten by that retry. So the next RReq waits for a request of the agent to be answered,
+// or for AFTER_EATEN_NS.
+constexpr int64_t QUIET_NS = 10'000'000;
+constexpr int64_t SHORT_QUIET_NS = 5'000'000;
+constexpr int64_t SOFT_HOLD_NS = 1'000'000'000;
+constexpr int64_t HARD_HOLD_NS = 4'000'000'000;
+constexpr int64_t AFTER_EATEN_NS = 1'000'000'000;
 
 uint64_t next_seq = 1;
 int64_t last_activity_ns = 0;
+int64_t eaten_hold_until_ns = 0;  // no RReq before this unless a request was answered
 session_counts counts = {0, 0};
 
 smux_pdu open_pdu;  // the OpenPDU
@@ -222,6 +233,7 @@ void SMUXclose(int32_t reason) {
 void session_opened(void) {
     held_opened();
     last_activity_ns = vx_now_ns();
+    eaten_hold_until_ns = 0;
 }
 
 void session_lost(void) {
@@ -239,7 +251,7 @@ int64_t session_next_flush(void) {
     int64_t oldest = INT64_MAX;
     for (const held_subtree* s = held_subtrees; s != nullptr; s = s->next) {
         if (s->in_flight) {
-            return INT64_MAX;  // one batch at a time: its answers show the agent is listening
+            return INT64_MAX;
         }
         if (held_needs_request(s) && s->pending_since < oldest) {
             oldest = s->pending_since;
@@ -254,15 +266,27 @@ int64_t session_next_flush(void) {
                               : last_activity_ns + SHORT_QUIET_NS;
     int64_t hard = oldest + HARD_HOLD_NS;
     int64_t next = quiet < short_quiet ? quiet : short_quiet;
-    return next < hard ? next : hard;
+    next = next < hard ? next : hard;
+    return next > eaten_hold_until_ns ? next : eaten_hold_until_ns;
+}
+
+// Nothing of ours is at the agent, so it cannot send us a request that would eat an RReq.
+static bool agent_holds_nothing(void) {
+    for (const held_subtree* s = held_subtrees; s != nullptr; s = s->next) {
+        if (s->at_agent) {
+            return false;
+        }
+    }
+    return true;
 }
 
 int session_flush(int64_t now_ns) {
     if (now_ns < session_next_flush()) {
         return 0;
     }
-    // Every RReq of the batch in one write: each is a whole PDU, and the agent reads one PDU
+    // Every RReq of a batch in one write: each is a whole PDU, and the agent reads one PDU
     // per receive, leaving the rest queued.
+    const bool one_only = !agent_holds_nothing();
     uint8_t batch[SMUX_BUF_SIZE];
     uint32_t used = 0;
     for (held_subtree* s = held_subtrees; s != nullptr; s = s->next) {
@@ -291,6 +315,9 @@ int session_flush(int64_t now_ns) {
         held_sent(s, next_seq++);
         counts.rreqs_sent++;
         trace_subtree(s->wanted ? "RReq add" : "RReq delete", s);
+        if (one_only) {
+            break;
+        }
     }
     if (used == 0) {
         return 0;
@@ -311,9 +338,11 @@ int session_rrsp(int32_t code) {
 int session_request_eaten(void) {
     held_subtree* s = held_oldest_in_flight();
     if (s == nullptr) {
+        eaten_hold_until_ns = 0;  // this request will be answered
         return 0;
     }
     counts.rreqs_eaten++;
+    eaten_hold_until_ns = vx_now_ns() + AFTER_EATEN_NS;
     if (tracing & TRACE_LVL1) {
         trace_subtree("RReq taken by the agent as an answer, to be sent again:", s);
     }
