@@ -2,7 +2,7 @@
 # Installs, with apt-get, whatever a fresh Debian machine lacks to build, test and demo the project.
 set -euo pipefail
 pkgs=(cmake make g++ gcc clang libclang-rt-dev pkg-config libgtest-dev libgmock-dev googletest
-      libbenchmark-dev snmpd snmp snmptrapd libsnmp-dev iproute2 util-linux procps)
+      libbenchmark-dev snmpd snmp snmptrapd libsnmp-dev iproute2 util-linux procps gcovr)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
