@@ -183,6 +183,9 @@ sync_tree() {
   done < <(find "$src" -type f -print0)
 }
 sync_tree
+# What was tested, said when the copy is taken: the tree may change while the faults run.
+tested_tree="tree $(git -C "$root" rev-parse --short HEAD)"
+git -C "$root" diff --quiet HEAD || tested_tree="$tested_tree plus uncommitted changes"
 # Every snippet is checked before anything is built, so a stale list fails in seconds.
 faults check "$faults_file" "$src" "${ids[@]}"
 
@@ -276,7 +279,7 @@ echo
 echo "$summary"
 if [ -n "$out_file" ]; then
   {
-    echo "# Planted faults against the test suite ($(date -u +%Y-%m-%d), tree $(git -C "$root" rev-parse --short HEAD)$(git -C "$root" diff --quiet HEAD || echo ' plus uncommitted changes'))"
+    echo "# Planted faults against the test suite ($(date -u +%Y-%m-%d), $tested_tree)"
     echo "# suite: ctest $ctest_args -j $jobs; caught = tests that failed with the fault and pass without it"
     echo "$header"
     printf '%s\n' "${table[@]}"
