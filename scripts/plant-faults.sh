@@ -37,7 +37,7 @@ while [ $# -gt 0 ]; do
     --no-clean) clean=0 ;;
     -o) out_file=$2; shift ;;
     --faults) faults_file=$(realpath "$2"); shift ;;
-    -h|--help) sed -n '2,24p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,/^[^#]/{/^#/s/^# \{0,1\}//p}' "$0"; exit 0 ;;
     -*) echo "unknown option $1" >&2; exit 2 ;;
     *) ids+=("$1") ;;
   esac
