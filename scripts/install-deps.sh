@@ -3,7 +3,7 @@
 set -euo pipefail
 pkgs=(cmake make g++ gcc clang libclang-rt-dev pkg-config libgtest-dev libgmock-dev googletest
       libbenchmark-dev snmpd snmp snmptrapd libsnmp-dev iproute2 util-linux procps
-      systemd mandoc man-db dpkg-dev file)
+      systemd mandoc man-db dpkg-dev file gcovr)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

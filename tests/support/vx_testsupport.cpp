@@ -49,7 +49,33 @@ static void track_child(pid_t pid, pid_t old) {
     }
 }
 
+// SIGTERM first, so that a daemon a test left running still ends through its own stop
+// path (and a coverage build gets its counts written); SIGKILL for whatever has not ended
+// after a short grace.
 static void kill_tracked_children(void) {
+    bool any = false;
+    for (pid_t slot : g_tracked) {
+        if (slot > 0) {
+            kill(slot, SIGTERM);
+            kill(slot, SIGCONT);  // a stopped process would not see the SIGTERM
+            any = true;
+        }
+    }
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (any) {
+        any = false;
+        for (pid_t& slot : g_tracked) {
+            if (slot > 0 && waitpid(slot, nullptr, WNOHANG) == 0) {
+                any = true;
+            } else {
+                slot = 0;
+            }
+        }
+        if (!any || std::chrono::steady_clock::now() >= end) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     for (pid_t& slot : g_tracked) {
         if (slot > 0) {
             kill(slot, SIGKILL);
