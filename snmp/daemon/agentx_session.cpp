@@ -291,6 +291,27 @@ int agentx_response(const agentx_pdu* pdu) {
 
 // ---- what is due ----
 
+// Registers and Unregisters wait for a pause in the master's requests, as RReqs do over SMUX:
+// net-snmp's master can crash when a subtree is unregistered while a request for it is on
+// its way to us (seen under churn while managers walk). After AGENTX_HOLD_NS they go at the
+// next chance. INT64_MAX when none is waiting.
+static int64_t registrations_due(void) {
+    constexpr int64_t AGENTX_QUIET_NS = 10'000'000;
+    constexpr int64_t AGENTX_HOLD_NS = 4'000'000'000;
+    int64_t oldest = INT64_MAX;
+    for (const held_subtree* s = held_subtrees; s != nullptr; s = s->next) {
+        if (held_needs_request(s) && s->pending_since < oldest) {
+            oldest = s->pending_since;
+        }
+    }
+    if (oldest == INT64_MAX) {
+        return INT64_MAX;
+    }
+    int64_t quiet = last_rx_ns + AGENTX_QUIET_NS;
+    int64_t hard = oldest + AGENTX_HOLD_NS;
+    return quiet < hard ? quiet : hard;
+}
+
 int agentx_flush(int64_t now_ns) {
     if (smux_fd < 0 || state == AX_CLOSED) {
         return 0;
@@ -303,7 +324,7 @@ int agentx_flush(int64_t now_ns) {
         }
         return 0;
     }
-    if (held_session_open() && send_registrations() != 0) {
+    if (held_session_open() && now_ns >= registrations_due() && send_registrations() != 0) {
         return -1;
     }
     if (ping_in_flight && now_ns - ping_sent_ns >= wait_ns) {
@@ -335,12 +356,9 @@ int64_t agentx_next_flush(void) {
     if (state == AX_OPENING) {
         return open_sent_ns + wait_ns;
     }
-    if (held_session_open()) {
-        for (const held_subtree* s = held_subtrees; s != nullptr; s = s->next) {
-            if (held_needs_request(s)) {
-                return 0;  // at once
-            }
-        }
+    int64_t due = held_session_open() ? registrations_due() : INT64_MAX;
+    if (due != INT64_MAX) {
+        return due;
     }
     return ping_in_flight ? ping_sent_ns + wait_ns
                           : last_rx_ns + AGENTX_PING_IDLE_SECONDS * NS_PER_S;
