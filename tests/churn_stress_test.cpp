@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <atomic>
 #include <cctype>
 #include <chrono>
@@ -752,7 +753,12 @@ class ChurnStress : public ::testing::Test {
         EXPECT_EQ(walks.failed, 0) << "walks failed";
         EXPECT_LE(static_cast<unsigned long>(walks.short_walks), r.eaten)
             << "more short walks than RReqs eaten";
-        EXPECT_LE(eaten_pct, 5.0) << r.eaten << " of " << r.sent << " RReqs eaten";
+        // The goal is at most 5% eaten; bench/churn.sh measures it over 1000 cycles. A run of
+        // seconds sends a few dozen RReqs, so one or two eaten more or less swing the ratio:
+        // allow two standard deviations of that sampling noise, and one RReq.
+        const double sent = static_cast<double>(r.sent);
+        EXPECT_LE(static_cast<double>(r.eaten), 0.05 * sent + 2 * std::sqrt(0.05 * sent) + 1)
+            << r.eaten << " of " << r.sent << " RReqs eaten (" << eaten_pct << "%)";
         for (size_t i = 0; i < walks.errors.size() && i < 10; i++) {
             printf("  %s\n", walks.errors[i].c_str());
         }

@@ -289,7 +289,7 @@ int next_one(const snmp_container* start, bool include, const snmp_container* en
     // on what is left, so this ends after at most one round per subagent.
     while (result == NEXT_RESTART) {
         result = NEXT_NONE;
-        for (registration_entry* e = mop_list; e != nullptr && result == NEXT_NONE; e = e->next) {
+        for (registration_entry* e = mop_list; e != nullptr; e = e->next) {
             int32_t c = snmp_compare_oid_subids(start, e->subtree, e->subtree->length);
             if (c > 0) {
                 continue;  // wholly before the start
@@ -301,6 +301,9 @@ int next_one(const snmp_container* start, bool include, const snmp_container* en
             found = snmp_varBind{};
             result = e->fd == -1 ? next_of_port(start, include, &found)
                                  : next_of_subagent(e, start, include, &found, &status);
+            if (result != NEXT_NONE) {
+                break;  // `e` may be gone with a dropped subagent
+            }
         }
     }
     if (result == NEXT_ERROR) {
