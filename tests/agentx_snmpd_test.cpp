@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -58,19 +57,6 @@ vx_bytes dpi_trap(int32_t generic, int32_t specific, const std::string& enterpri
         body.insert(body.end(), part.begin(), part.end());
     }
     return vx_dpi_packet(77, 4, body);
-}
-
-std::vector<std::string> oids_in(const std::string& output) {
-    std::vector<std::string> oids;
-    std::istringstream in(output);
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t eq = line.find(" = ");
-        if (!line.empty() && line[0] == '.' && eq != std::string::npos) {
-            oids.push_back(line.substr(0, eq));
-        }
-    }
-    return oids;
 }
 
 std::vector<std::string> args(const char* tool, const char* version, const char* community,
@@ -192,7 +178,7 @@ class AgentXMaster : public ::testing::Test {
     void expect_example_served() {
         tool_result r = run(args("snmpwalk", "-v2c", "public", {EXAMPLE}));
         EXPECT_EQ(r.status, 0) << r.output;
-        EXPECT_EQ(oids_in(r.output).size(), 6U) << r.output;
+        EXPECT_EQ(vx_oids_in(r.output).size(), 6U) << r.output;
     }
 
     vx_process trapd_;
@@ -264,7 +250,7 @@ TEST_F(AgentXMaster, ReadsAndWalksCarrySNMPv2Values) {
             EXPECT_NE(got.output.find(line), std::string::npos) << line << "\n" << got.output;
         }
         if (!r.oids.empty()) {
-            EXPECT_EQ(oids_in(got.output), r.oids) << got.output;
+            EXPECT_EQ(vx_oids_in(got.output), r.oids) << got.output;
         }
     }
 }
@@ -393,7 +379,7 @@ TEST_F(AgentXMaster, DroppedSubagentsAndARestartedMaster) {
         return scripted_objects(m);
     });
     EXPECT_EQ(got.status, 0) << got.output;
-    EXPECT_EQ(oids_in(got.output).size(), 2U) << got.output;
+    EXPECT_EQ(vx_oids_in(got.output).size(), 2U) << got.output;
     ASSERT_TRUE(accepted(before + 3));  // its withdrawal
     expect_example_served();
     EXPECT_EQ(vx_count_in_file(daemon_.log_path, "Lost connection to agent"), 0);

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,20 +29,6 @@ vx_bytes be32(int32_t v) {
     auto u = static_cast<uint32_t>(v);
     return {static_cast<uint8_t>(u >> 24), static_cast<uint8_t>(u >> 16),
             static_cast<uint8_t>(u >> 8), static_cast<uint8_t>(u)};
-}
-
-// The OIDs at the start of each "OID = value" line of a tool's output.
-std::vector<std::string> oids_in(const std::string& output) {
-    std::vector<std::string> oids;
-    std::istringstream in(output);
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t eq = line.find(" = ");
-        if (!line.empty() && line[0] == '.' && eq != std::string::npos) {
-            oids.push_back(line.substr(0, eq));
-        }
-    }
-    return oids;
 }
 
 void expect_no_sanitizer_report(const std::string& log) {
@@ -198,7 +183,7 @@ class EndToEnd : public ::testing::Test {
     void expect_example_still_served() {
         std::string out;
         EXPECT_EQ(tool(args("snmpwalk", "-v2c", "public", {EXAMPLE}), &out), 0) << out;
-        EXPECT_EQ(oids_in(out).size(), 6U) << out;
+        EXPECT_EQ(vx_oids_in(out).size(), 6U) << out;
         EXPECT_EQ(vx_count_in_file(daemon_.log_path, "Lost connection to agent"), 0);
     }
 
@@ -285,7 +270,7 @@ TEST_F(EndToEnd, ExampleSubagentAnswersGetGetNextAndWalks) {
             EXPECT_NE(out.find(line), std::string::npos) << "missing: " << line << "\n" << out;
         }
         if (!r.oids.empty()) {
-            EXPECT_EQ(oids_in(out), r.oids) << out;
+            EXPECT_EQ(vx_oids_in(out), r.oids) << out;
         }
     }
 
@@ -419,7 +404,7 @@ TEST_F(EndToEnd, SubagentThatDiesMidWalkEndsTheWalkCleanly) {
         return integer_answer(m, std::to_string(answered) + ".0", answered);
     });
     EXPECT_EQ(t.status, 0) << t.output;
-    EXPECT_EQ(oids_in(t.output), (std::vector<std::string>{"." + std::string(SCRIPTED) + ".1.0",
+    EXPECT_EQ(vx_oids_in(t.output), (std::vector<std::string>{"." + std::string(SCRIPTED) + ".1.0",
                                                            "." + std::string(SCRIPTED) + ".2.0"}))
         << t.output;
     ASSERT_TRUE(wait_withdrawn(accepted));

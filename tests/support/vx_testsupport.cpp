@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -331,6 +332,19 @@ bool vx_wait_until(const std::function<bool()>& cond, int timeout_ms) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return true;
+}
+
+std::vector<std::string> vx_oids_in(const std::string& output) {
+    std::vector<std::string> oids;
+    std::istringstream in(output);
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t eq = line.find(" = ");
+        if (!line.empty() && line[0] == '.' && eq != std::string::npos) {
+            oids.push_back(line.substr(0, eq));
+        }
+    }
+    return oids;
 }
 
 std::string vx_read_file(const std::string& path) {

@@ -91,6 +91,9 @@ int vx_run(const std::vector<std::string>& argv, std::string* output, int timeou
 std::string vx_read_file(const std::string& path);
 [[nodiscard]] bool vx_write_file(const std::string& path, const std::string& text);
 
+// The OIDs at the start of each "OID = value" line of a net-snmp tool's output (-On).
+std::vector<std::string> vx_oids_in(const std::string& output);
+
 // Number of times `text` occurs in the file.
 [[nodiscard]] int vx_count_in_file(const std::string& path, const std::string& text);
 
