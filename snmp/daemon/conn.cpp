@@ -5,6 +5,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -21,9 +22,7 @@
 int smux_fd = -1;
 int dpi_fd = -1;
 int dpi_port = 0;
-fd_set selectfds;
 fd_set readyfds;
-int nfds = 0;
 int sa_fds[MAX_SUBAGENTS] = {-1, -1, -1, -1, -1};
 uint32_t dpi_listen_address = htonl(INADDR_ANY);
 vx_conn agent_in = {
@@ -50,17 +49,66 @@ int64_t vx_now_ns(void) {
 
 // ---- descriptors and slots ----
 
-void watch_fd(int fd) {
-    FD_SET(fd, &selectfds);
-    if (fd > nfds) {
-        nfds = fd;
+// The loop waits with epoll: the watched set lives in the kernel, so a wait costs the
+// same however many subagents there are and no set is copied or scanned per request.
+// Level-triggered, like a select set: a descriptor stays ready until its input is read.
+namespace {
+int epoll_fd = -1;
+}
+
+bool watch_fd(int fd) {
+    if (epoll_fd < 0) {
+        epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+        if (epoll_fd < 0) {
+            perror("epoll_create1");
+            return false;
+        }
     }
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = fd;
+    // The listener outlives an agent session and is watched again by the next one.
+    if (epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &ev) != 0 && errno != EEXIST) {
+        perror("epoll_ctl");
+        return false;
+    }
+    return true;
 }
 
 void forget_fd(int fd) {
-    FD_CLR(fd, &selectfds);
+    if (epoll_fd >= 0) {
+        (void)epoll_ctl(epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
+    }
     FD_CLR(fd, &readyfds);
     close(fd);
+}
+
+int conn_wait(const timespec* limit, const sigset_t* mask) {
+    FD_ZERO(&readyfds);
+    if (epoll_fd < 0) {
+        epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+        if (epoll_fd < 0) {
+            return -1;
+        }
+    }
+    // epoll counts in milliseconds: a limit is rounded up, so a wait never ends just before
+    // its deadline and the loop never spins on waits of 0 until it comes.
+    int timeout_ms = -1;
+    if (limit != nullptr) {
+        int64_t ms = (static_cast<int64_t>(limit->tv_sec) * NS_PER_S + limit->tv_nsec + 999999) /
+                     1000000;
+        timeout_ms = ms > 86400000 ? 86400000 : static_cast<int>(ms);
+    }
+    epoll_event events[MAX_SUBAGENTS + 2];
+    int n = epoll_pwait(epoll_fd, events, MAX_SUBAGENTS + 2, timeout_ms, mask);
+    for (int i = 0; i < n; i++) {
+        // A failed or hung-up socket counts as readable, as in a select set: its read says why.
+        int fd = events[i].data.fd;
+        if (fd >= 0 && fd < FD_SETSIZE) {
+            FD_SET(fd, &readyfds);
+        }
+    }
+    return n;
 }
 
 void del_sa_fd(int fd) {

@@ -8,6 +8,7 @@
 // blocking (MSG_DONTWAIT): readiness seen earlier in a pass may be stale, because a forwarded
 // request reads from the subagent it waits on. Whole frames are then cut from the buffer.
 // Writes stay blocking and go out in one call each, with Nagle's delay off.
+#include <signal.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
@@ -25,8 +26,6 @@ inline constexpr int DPI_WAIT_SECONDS = 8;
 extern int smux_fd;
 extern int dpi_fd;
 extern int dpi_port;
-extern fd_set selectfds;
-extern int nfds;
 extern int sa_fds[MAX_SUBAGENTS];
 // IPv4 address the DPI listener binds to, in network order; INADDR_ANY unless configured.
 extern uint32_t dpi_listen_address;
@@ -59,9 +58,14 @@ extern agentx_address agentx_master;
 // Descriptors reported ready in the present pass of the loop; a descriptor closed during
 // the pass is taken out, so a new connection given the same number is not taken for it.
 extern fd_set readyfds;
-void watch_fd(int fd);
+// Starts watching `fd` for input (false when the kernel refused).
+bool watch_fd(int fd);
 // Stops watching and closes `fd`.
 void forget_fd(int fd);
+// Waits until a watched descriptor is readable (or has failed), `limit` has passed (null:
+// no limit) or a signal outside `mask` came, with `mask` as the signal mask meanwhile.
+// The readable ones are put into `readyfds`. Returns their count, or -1 with errno set.
+[[nodiscard]] int conn_wait(const timespec* limit, const sigset_t* mask);
 // Frees the slot of subagent `fd` and closes it; level-2 trace when no slot holds it.
 void del_sa_fd(int fd);
 // Puts `fd` into the first free slot, with Nagle's delay off and a receive time-out of

@@ -590,16 +590,13 @@ int main(int argc, char** argv) {
     sigset_t wait_mask;
     set_up_signals(&wait_mask);
 
-    FD_ZERO(&selectfds);
     FD_ZERO(&readyfds);
-    nfds = 0;
     init_smux_dpi_fds();
 
     while (forever) {
         if (stop_signal != 0) {
             stop_daemon();
         }
-        readyfds = selectfds;
         int64_t now = vx_now_ns();
         int64_t deadline = next_deadline(now);
         timespec wait{};
@@ -610,7 +607,7 @@ int main(int argc, char** argv) {
             wait.tv_nsec = static_cast<long>(left % NS_PER_S);
             limit = &wait;
         }
-        int n = pselect(nfds + 1, &readyfds, nullptr, nullptr, limit, &wait_mask);
+        int n = conn_wait(limit, &wait_mask);
         if (n < 0) {
             if (errno == EINTR) {
                 continue;

@@ -171,28 +171,34 @@ int setup_socket(int kind, const char* host_p, unsigned long port) {
 
 // Reads exactly `count` bytes. Each wait for more is limited; a time-out or failed wait
 // leaves the connection open, while an end of stream or failed read drops it, since the
-// framing can no longer be trusted.
+// framing can no longer be trusted. The read is tried before the wait: a packet nearly
+// always arrives whole, so its length field and body are then read without a wait each,
+// which would only have found them there.
 static int mustread(int fd, unsigned char* buffer, long count, int type) {
     if (count <= 0) {
         return 0;
     }
     long got = 0;
     while (got < count) {
-        int ready = wait_readable(fd, DPI_READ_WAIT_SECONDS);
-        if (ready == 0) {
-            return DPI_RC_TIMEOUT;
-        }
-        if (ready < 0) {
-            return DPI_RC_IO_ERROR;
-        }
         size_t want = static_cast<size_t>(count - got);
-        ssize_t n = type == CONNECTION_UDP ? recvfrom(fd, buffer + got, want, 0, nullptr, nullptr)
-                                           : recv(fd, buffer + got, want, 0);
+        ssize_t n = type == CONNECTION_UDP
+                        ? recvfrom(fd, buffer + got, want, MSG_DONTWAIT, nullptr, nullptr)
+                        : recv(fd, buffer + got, want, MSG_DONTWAIT);
         if (n > 0) {
             got += n;
             continue;
         }
         if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            int ready = wait_readable(fd, DPI_READ_WAIT_SECONDS);
+            if (ready == 0) {
+                return DPI_RC_TIMEOUT;
+            }
+            if (ready < 0) {
+                return DPI_RC_IO_ERROR;
+            }
             continue;
         }
         dpi_slot_release(slot_of_fd(fd));
