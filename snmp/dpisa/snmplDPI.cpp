@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -161,6 +162,9 @@ int setup_socket(int kind, const char* host_p, unsigned long port) {
             close(fd);
             return -1;
         }
+        // An answer is one small packet that the agent is waiting for: it must leave at once.
+        int on = 1;
+        (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     } else {
         connection_types[handle] = CONNECTION_UDP;
     }
@@ -278,6 +282,9 @@ int DPIawait_packet_from_agent(int handle, int timeout, unsigned char** message_
     if (connection_types[handle] != CONNECTION_TCP) {
         return DPI_RC_NOK;
     }
+    // The wait is a readiness wait rather than a receive under a time-out: only that lets a
+    // stop and continue (a debugger attaching, say) pass unseen, while a handled signal
+    // still ends the wait.
     int fd = connection_fds[handle];
     int ready = wait_readable(fd, timeout < 0 ? -1 : timeout);
     if (ready == 0) {
