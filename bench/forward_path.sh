@@ -2,6 +2,7 @@
 # forward_path.sh: what it costs to serve objects through snmpd by each path a subagent can
 # take, measured end to end with net-snmp's own clients:
 #
+#   snmpd    snmpd serving the objects itself (one `override` line each)
 #   agentx   snmpd --AgentX--> subagent on net-snmp's agent library   (fwd_agentx_subagent)
 #   smux     snmpd --SMUX--> bare SMUX peer                           (fwd_smux_peer)
 #   varnex2  snmpd --SMUX--> varnex2 --DPI--> minimal DPI subagent    (fwd_dpi_subagent)
@@ -10,10 +11,14 @@
 # Each subagent serves the same OBJECTS INTEGER objects 1.3.6.1.4.1.99999.2.1.n = n. For
 # every round and path a fresh snmpd (one configuration for all paths) and the path's own
 # processes are started, one untimed walk warms them up, then WALKS timed snmpbulkwalk runs
-# (v2c, default max-repetitions) and WALKS timed snmpwalk -v2c runs go over the subtree.
-# Reported: objects per second of each walk kind, and the CPU time per object walked (both
-# kinds together) of snmpd, the daemon and the subagent, each the median over the rounds;
-# ratios are against the first path. The paths take turns within a round, in an order
+# (v2c, default max-repetitions), WALKS timed snmpwalk -v2c runs and WALKS timed snmpwalk -v1
+# runs go over the subtree, each walk's output checked for every object.
+# Reported: objects per second of each walk kind, and the CPU time per object walked (all
+# kinds together) of snmpd, the daemon and the subagent and of all three, each the median
+# over the rounds; ratios are against the path named first (by default the AgentX one).
+# Then, for the SMUX path through varnex2, the daemon's CPU time per object of bulk walks
+# when the subagent holds 1, 10 or 100 registrations (REGS), to show that a request costs
+# the same however large the registration table is. The paths take turns within a round, in an order
 # rotated each round. A walk's time is taken net of the client's own start-up, which the
 # same run measures as WALKS walks of an empty subtree (shown per run: it is a large part
 # of a walk of 1000 objects, and would otherwise pull every ratio towards 1).
@@ -25,11 +30,15 @@
 # ends):
 #   bash bench/forward_path.sh
 #   ROUNDS=1 OBJECTS=200 WALKS=1 bash bench/forward_path.sh      # a quick check
+#   PATHS="agentx varnex2" REGS= bash bench/forward_path.sh       # two paths, no table growth
 # Environment:
 #   ROUNDS      rounds, each running every path once (default 5)
 #   OBJECTS     objects served and walked (default 1000)
 #   WALKS       timed walks of each kind per path and round (default 3)
-#   PATHS       ids of the paths to run, first one the reference (default: all, as above)
+#   PATHS       ids of the paths to run, first one the reference (default: agentx, then
+#               the others as listed above)
+#   REGS        registration counts for the table-growth runs (default "1 10 100"; empty:
+#               none; they run only when varnex2 is among the PATHS)
 #   BUILD_DIR   build directory (default build)
 #   TIME_LIMIT  seconds after which everything is stopped (default 120 + 60 per round)
 #   KEEP_LOGS=1 keep the working directory with configuration, logs and raw results
@@ -57,15 +66,17 @@ readonly empty_subtree=1.3.6.1.4.1.99999.3
 # The paths
 # ---------------------------------------------------------------------------------------
 path_ids=()
-declare -A path_label path_start path_targets
-# add_path ID LABEL START_FUNCTION CMAKE_TARGETS
+declare -A path_label path_start path_targets path_conf
+# add_path ID LABEL START_FUNCTION CMAKE_TARGETS [SNMPD_CONFIG]
 add_path() {
   path_ids+=("$1")
   path_label[$1]=$2
   path_start[$1]=$3
   path_targets[$1]=$4
+  path_conf[$1]=${5:-}
 }
 
+start_snmpd() { :; }
 start_agentx() {
   launch subagent "$build/bench/fwd_agentx_subagent" -n "$OBJECTS" -x "$work/agentx.sock"
 }
@@ -76,7 +87,7 @@ start_varnex2() {
   # Started under its own file name, varnex2, which is its identity in the peers file.
   launch daemon "$build/snmp/daemon/varnex2"
   wait_for varnex2 10 in_log "$run_dir/daemon.log" "ready to receive requests"
-  launch subagent "$build/bench/fwd_dpi_subagent" -n "$OBJECTS"
+  launch subagent "$build/bench/fwd_dpi_subagent" -n "$OBJECTS" -r "${SUB_REGS:-1}"
 }
 start_varnex2_agentx() {
   launch daemon env VARNEX2_AGENTX="$work/agentx.sock" "$build/snmp/daemon/varnex2"
@@ -84,6 +95,7 @@ start_varnex2_agentx() {
   launch subagent "$build/bench/fwd_dpi_subagent" -n "$OBJECTS"
 }
 
+add_path snmpd "snmpd serving the objects itself" start_snmpd "" objects.conf
 add_path agentx "AgentX subagent on net-snmp's agent library" start_agentx fwd_agentx_subagent
 add_path smux "bare SMUX peer, hand-written" start_smux fwd_smux_peer
 add_path varnex2 "snmpd → varnex2 → minimal DPI subagent" start_varnex2 \
@@ -91,12 +103,16 @@ add_path varnex2 "snmpd → varnex2 → minimal DPI subagent" start_varnex2 \
 add_path varnex2-agentx "snmpd → varnex2 (AgentX) → minimal DPI subagent" \
   start_varnex2_agentx "varnex2 fwd_dpi_subagent"
 
-read -r -a selected <<<"${PATHS:-${path_ids[*]}}"
+REGS=${REGS-1 10 100}
+read -r -a selected <<<"${PATHS:-agentx snmpd smux varnex2 varnex2-agentx}"
 for id in "${selected[@]}"; do
   [ -n "${path_label[$id]+set}" ] || { echo "forward_path.sh: no path '$id' (have: ${path_ids[*]})" >&2; exit 2; }
 done
 for v in ROUNDS OBJECTS WALKS TIME_LIMIT; do
   [[ ${!v} =~ ^[1-9][0-9]*$ ]] || { echo "forward_path.sh: $v must be a positive number" >&2; exit 2; }
+done
+for r in $REGS; do
+  [[ $r =~ ^[1-9][0-9]*$ && $r -le 200 ]] || { echo "forward_path.sh: REGS are counts from 1 to 200" >&2; exit 2; }
 done
 
 # ---------------------------------------------------------------------------------------
@@ -239,12 +255,14 @@ objects_served() {
   [ "$got" = "1 $OBJECTS " ]
 }
 
-# walk KIND ROOT: one walk; prints the number of lines the client wrote.
+# walk KIND ROOT: one walk (KIND bulk, plain or v1); prints the number of lines the client
+# wrote.
 walk() {
-  local client=snmpbulkwalk
+  local client=snmpbulkwalk version=-v2c
   [ "$1" = plain ] && client=snmpwalk
+  [ "$1" = v1 ] && client=snmpwalk version=-v1
   # A failed walk shows as a short count, which the caller reports.
-  { timeout 60 "$client" -v2c -c public -On -Oq -t 5 -r 0 127.0.0.1 "$2" \
+  { timeout 60 "$client" "$version" -c public -On -Oq -t 5 -r 0 127.0.0.1 "$2" \
       2>>"$run_dir/client.log" || true; } | wc -l
 }
 # walks KIND: WALKS walks of the subtree; fails unless each returned every object.
@@ -297,35 +315,40 @@ agentXSocket $work/agentx.sock
 rocommunity public 127.0.0.1
 dontLogTCPWrappersConnects yes
 EOF
+# The path where snmpd serves the objects itself adds this file to the configuration.
+for ((i = 1; i <= OBJECTS; i++)); do echo "override $column.$i integer $i"; done >"$work/objects.conf"
 : >"$work/results"
 roles=(snmpd daemon subagent)
 
-# run_path ROUND ID: one measured run of a path, appended to the results.
+# run_path ROUND ID [RESULTS] [KINDS]: one measured run of a path, appended to RESULTS
+# (default the main results); KINDS are the walk kinds timed (default: bulk plain v1).
 run_path() {
-  local round=$1
+  local round=$1 results=${3:-$work/results} kinds=${4:-bulk plain v1}
   path=$2
-  run_dir=$work/round$round-$path
+  run_dir=$work/round$round-$path${SUB_REGS:+-r$SUB_REGS}
   mkdir -p "$run_dir"
   rm -f "$work/agentx.sock"
-  launch snmpd snmpd -f -Lo -C -c "$work/snmpd.conf" -p "$run_dir/snmpd.pid"
+  launch snmpd snmpd -f -Lo -C -c "$work/snmpd.conf${path_conf[$path]:+,$work/${path_conf[$path]}}" \
+    -p "$run_dir/snmpd.pid"
   wait_for snmpd 10 agent_listening
   "${path_start[$path]}"
   wait_for "path $path" 30 objects_served
   walks bulk  # warm-up
   # The clients' own fixed cost per walk, taken off the timed walks below.
-  local e0=$EPOCHREALTIME
-  empty_walks bulk
-  local e1=$EPOCHREALTIME
-  empty_walks plain
-  local e2=$EPOCHREALTIME
+  local kind empty=() timed=() t
+  for kind in $kinds; do
+    t=$EPOCHREALTIME
+    empty_walks "$kind"
+    empty+=("$(awk -v a="$EPOCHREALTIME" -v b="$t" 'BEGIN { printf "%.6f", a - b }')")
+  done
   local role
   declare -A before=()
   for role in "${run_roles[@]}"; do before[$role]=$(cpu_ns "${pid_of[$role]}"); done
-  local t0=$EPOCHREALTIME
-  walks bulk
-  local t1=$EPOCHREALTIME
-  walks plain
-  local t2=$EPOCHREALTIME
+  for kind in $kinds; do
+    t=$EPOCHREALTIME
+    walks "$kind"
+    timed+=("$(awk -v a="$EPOCHREALTIME" -v b="$t" 'BEGIN { printf "%.6f", a - b }')")
+  done
   local cpu=()
   for role in "${roles[@]}"; do
     if [ -n "${pid_of[$role]+set}" ]; then
@@ -335,44 +358,71 @@ run_path() {
     fi
   done
   stop_run
-  # One line: round, path, bulk and plain obj/s, µs per object of each role (- for none),
-  # then the client's fixed cost per bulk and plain walk in ms.
-  awk -v r="$round" -v p="$path" -v w="$WALKS" -v n=$((WALKS * OBJECTS)) -v c="${cpu[*]}" \
-    -v e0="$e0" -v e1="$e1" -v e2="$e2" -v t0="$t0" -v t1="$t1" -v t2="$t2" '
+  # One line: round, path, obj/s of each kind, µs per object of each role (- for none), then
+  # the client's fixed cost per walk of each kind in ms.
+  awk -v r="$round" -v p="$path" -v w="$WALKS" -v objects="$OBJECTS" -v c="${cpu[*]}" \
+    -v empty="${empty[*]}" -v timed="${timed[*]}" '
     # Only when the machine is busy enough for an empty walk to take as long as a full one
     # is there nothing to take off; the run then counts the start-up in.
-    function rate(walked, empty) {
-      if (walked > empty) return n / (walked - empty)
+    function rate(walked, nothing) {
+      if (walked > nothing) return w * objects / (walked - nothing)
       print "forward_path.sh: empty walks took as long as full ones; start-up not taken off" > "/dev/stderr"
-      return n / walked
+      return w * objects / walked
     }
     BEGIN {
+      k = split(timed, t, " ")
+      split(empty, e, " ")
       split(c, cpu, " ")
-      line = sprintf("%s %s %.1f %.1f", r, p, rate(t1 - t0, e1 - e0), rate(t2 - t1, e2 - e1))
-      for (i = 1; i <= 3; i++) {
-        line = line " " (cpu[i] == "-" ? "-" : sprintf("%.3f", cpu[i] / 1000 / (2 * n)))
-      }
-      print line sprintf(" %.1f %.1f", (e1 - e0) * 1000 / w, (e2 - e1) * 1000 / w)
-    }' >>"$work/results"
-  tail -n 1 "$work/results" | awk -v rounds="$ROUNDS" '
+      line = r " " p
+      for (i = 1; i <= k; i++) line = line sprintf(" %.1f", rate(t[i], e[i]))
+      for (i = 1; i <= 3; i++)
+        line = line " " (cpu[i] == "-" ? "-" : sprintf("%.3f", cpu[i] / 1000 / (k * w * objects)))
+      for (i = 1; i <= k; i++) line = line sprintf(" %.1f", e[i] * 1000 / w)
+      print line
+    }' >>"$results"
+  tail -n 1 "$results" | awk -v rounds="$ROUNDS" -v kinds="$kinds" '
     function us(x) { return x == "-" ? "–" : sprintf("%.1f", x) }
-    { printf "round %d/%d  %-14s  bulk %6.0f obj/s  walk %6.0f obj/s  CPU µs/object %s / %s / %s" \
-        "  (client start-up %s / %s ms)\n", $1, rounds, $2, $3, $4, us($5), us($6), us($7), $8, $9 }'
+    {
+      k = split(kinds, kind, " ")
+      line = sprintf("round %d/%d  %-14s", $1, rounds, $2)
+      for (i = 1; i <= k; i++) line = line sprintf("  %s %6.0f obj/s", kind[i], $(2 + i))
+      line = line sprintf("  CPU µs/object %s / %s / %s  (client start-up", us($(3 + k)), us($(4 + k)), us($(5 + k)))
+      for (i = 1; i <= k; i++) line = line sprintf(" %s", $(5 + k + i))
+      print line " ms)"
+    }'
 }
 
 echo "forward_path.sh: $OBJECTS objects, $ROUNDS rounds of $WALKS snmpbulkwalk + $WALKS snmpwalk" \
-  "runs per path; $(snmpd -v | awk '/version/ { print "net-snmp " $3; exit }'); CPU from $cpu_source"
+  "-v2c + $WALKS snmpwalk -v1 runs per path; $(snmpd -v | awk '/version/ { print "net-snmp " $3; exit }');" \
+  "CPU from $cpu_source"
 n=${#selected[@]}
 for round in $(seq "$ROUNDS"); do
   for ((k = 0; k < n; k++)); do
     run_path "$round" "${selected[(k + round - 1) % n]}"
   done
 done
+regs=()
+if [[ " ${selected[*]} " == *" varnex2 "* ]]; then read -r -a regs <<<"$REGS"; fi
+if [ ${#regs[@]} -gt 0 ]; then
+  echo
+  echo "Registration table growth (varnex2 over SMUX, bulk walks):"
+  : >"$work/regs"
+  for round in $(seq "$ROUNDS"); do
+    for ((k = 0; k < ${#regs[@]}; k++)); do
+      SUB_REGS=${regs[(k + round - 1) % ${#regs[@]}]}
+      run_path "$round" varnex2 "$work/regs" bulk
+      # The path's id in the results becomes its registration count.
+      sed -i "\$s/^\([0-9]*\) varnex2 /\1 $SUB_REGS /" "$work/regs"
+    done
+  done
+  unset SUB_REGS
+fi
 
 # Medians per path, then the table with ratios against the first path.
 labels=$(for id in "${selected[@]}"; do printf '%s\t%s\n' "$id" "${path_label[$id]}"; done)
 echo
-awk -v order="${selected[*]}" -v labels="$labels" '
+# shellcheck disable=SC2016  # awk program
+median_awk='
   function median(list,    v, m, i, j, t) {
     m = split(list, v, " ")
     if (m == 0 || v[1] == "-") return "-"
@@ -390,20 +440,46 @@ awk -v order="${selected[*]}" -v labels="$labels" '
   }
   function us(x) { return x == "-" ? "–" : sprintf(x < 10 ? "%.1f" : "%.0f", x) }
   function ratio(x, ref) { return sprintf(" (%.2f×)", x / ref) }
-  { for (i = 3; i <= 7; i++) col[$2, i] = col[$2, i] (col[$2, i] == "" ? "" : " ") $i }
+'
+awk -v order="${selected[*]}" -v labels="$labels" "$median_awk"'
+  {
+    for (i = 3; i <= 8; i++) col[$2, i] = col[$2, i] (col[$2, i] == "" ? "" : " ") $i
+    # CPU of every process of the path together, per object.
+    total = 0
+    for (i = 6; i <= 8; i++) if ($i != "-") total += $i
+    col[$2, 9] = col[$2, 9] (col[$2, 9] == "" ? "" : " ") total
+  }
   END {
     split(labels, l, "\n")
     for (i in l) { split(l[i], kv, "\t"); label[kv[1]] = kv[2] }
     m = split(order, ids, " ")
-    print "| path | snmpbulkwalk obj/s | snmpwalk v2c obj/s | CPU µs per object (snmpd / daemon / subagent) |"
-    print "|---|---|---|---|"
+    print "| path | snmpbulkwalk obj/s | snmpwalk v2c obj/s | snmpwalk v1 obj/s | CPU µs per object (snmpd / daemon / subagent) | CPU µs per object, all |"
+    print "|---|---|---|---|---|---|"
     for (j = 1; j <= m; j++) {
       id = ids[j]
-      for (i = 3; i <= 7; i++) med[i] = median(col[id, i])
-      if (j == 1) { ref_bulk = med[3]; ref_plain = med[4] }
-      bulk = grouped(med[3]) (j > 1 ? ratio(med[3], ref_bulk) : "")
-      plain = grouped(med[4]) (j > 1 ? ratio(med[4], ref_plain) : "")
-      printf "| %s | %s | %s | %s / %s / %s |\n", label[id], bulk, plain, us(med[5]), us(med[6]), us(med[7])
+      for (i = 3; i <= 9; i++) med[i] = median(col[id, i])
+      if (j == 1) for (i = 3; i <= 9; i++) ref[i] = med[i]
+      line = "| " label[id]
+      for (i = 3; i <= 5; i++) line = line " | " grouped(med[i]) (j > 1 ? ratio(med[i], ref[i]) : "")
+      line = line sprintf(" | %s / %s / %s", us(med[6]), us(med[7]), us(med[8]))
+      printf "%s | %s%s |\n", line, us(med[9]), (j > 1 ? ratio(med[9], ref[9]) : "")
     }
     printf "medians of %d rounds; (×) relative to the first row\n", NR / m
   }' "$work/results"
+if [ ${#regs[@]} -gt 0 ]; then
+  echo
+  awk -v order="${regs[*]}" "$median_awk"'
+    { for (i = 3; i <= 6; i++) col[$2, i] = col[$2, i] (col[$2, i] == "" ? "" : " ") $i }
+    END {
+      m = split(order, ids, " ")
+      print "| registrations of the subagent | snmpbulkwalk obj/s | daemon CPU µs per object | snmpd / subagent CPU µs per object |"
+      print "|---|---|---|---|"
+      for (j = 1; j <= m; j++) {
+        id = ids[j]
+        for (i = 3; i <= 6; i++) med[i] = median(col[id, i])
+        if (j == 1) ref = med[5]
+        printf "| %s | %s | %s%s | %s / %s |\n", id, grouped(med[3]), us(med[5]),
+          (j > 1 ? ratio(med[5], ref) : ""), us(med[4]), us(med[6])
+      }
+    }' "$work/regs"
+fi

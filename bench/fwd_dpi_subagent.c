@@ -4,7 +4,11 @@
  * session, registers the benchmark subtree and answers GET and GETNEXT from the table in
  * fwd_objects.h; nothing else.
  *
- * Usage: fwd_dpi_subagent [-n objects] [-h host] [-c community]
+ * Usage: fwd_dpi_subagent [-n objects] [-r registrations] [-h host] [-c community]
+ * With -r R > 1 it also registers R - 1 subtrees that hold nothing, all before the benchmark
+ * subtree in OID order (1.3.6.1.4.1.99998.k), so that the daemon's registration table has R
+ * entries of ours and a request for the benchmark subtree sorts after all of them. (Empty
+ * subtrees after it would each be asked in turn at the end of every walk.)
  * SIGTERM or SIGINT closes the session and ends it.
  */
 #define _POSIX_C_SOURCE 200809L
@@ -65,9 +69,9 @@ static dpi_set_packet* answer(const dpi_get_packet* get, int next, uint32_t coun
             grown = add_object(chain, n);
         } else {
             /* endOfMibView sends the agent on to the next subtree. */
-            grown = mkDPIset_packet(chain, get->group_id, get->instance_id,
-                                    next ? DPI_TYPE_endOfMibView : DPI_TYPE_noSuchInstance, 0,
-                                    NULL);
+            grown =
+                mkDPIset_packet(chain, get->group_id, get->instance_id,
+                                next ? DPI_TYPE_endOfMibView : DPI_TYPE_noSuchInstance, 0, NULL);
         }
         if (grown == NULL) {
             fDPIset_packet(chain);
@@ -103,16 +107,20 @@ int main(int argc, char** argv) {
     const char* host = "127.0.0.1";
     const char* community = "public";
     uint32_t count = FWD_DEFAULT_OBJECTS;
+    unsigned long registrations = 1;
     int opt;
-    while ((opt = getopt(argc, argv, "n:h:c:")) != -1) {
+    while ((opt = getopt(argc, argv, "n:r:h:c:")) != -1) {
         if (opt == 'n') {
             count = (uint32_t)strtoul(optarg, NULL, 10);
+        } else if (opt == 'r') {
+            registrations = strtoul(optarg, NULL, 10);
         } else if (opt == 'h') {
             host = optarg;
         } else if (opt == 'c') {
             community = optarg;
         } else {
-            fprintf(stderr, "usage: %s [-n objects] [-h host] [-c community]\n", argv[0]);
+            fprintf(stderr, "usage: %s [-n objects] [-r registrations] [-h host] [-c community]\n",
+                    argv[0]);
             return 2;
         }
     }
@@ -132,8 +140,21 @@ int main(int argc, char** argv) {
     }
     static const char descr[] = "varnex2 forwarding benchmark DPI subagent";
     if (send_packet(handle, mkDPIopen(FWD_ROOT_TEXT, descr, 10, 1, 0, 0, NULL)) != 0 ||
-        expect_ok(handle, "OPEN") != 0 ||
-        send_packet(handle, mkDPIreg(10, -1, FWD_GROUP, 0, 0)) != 0 ||
+        expect_ok(handle, "OPEN") != 0) {
+        DPIdisconnect_from_agent(handle);
+        return 1;
+    }
+    /* The benchmark subtree comes last: once it answers, the others are in place. */
+    for (unsigned long k = 1; k < registrations; k++) {
+        char group[48];
+        snprintf(group, sizeof group, "1.3.6.1.4.1.99998.%lu.", k);
+        if (send_packet(handle, mkDPIreg(10, -1, group, 0, 0)) != 0 ||
+            expect_ok(handle, "REGISTER") != 0) {
+            DPIdisconnect_from_agent(handle);
+            return 1;
+        }
+    }
+    if (send_packet(handle, mkDPIreg(10, -1, FWD_GROUP, 0, 0)) != 0 ||
         expect_ok(handle, "REGISTER") != 0) {
         DPIdisconnect_from_agent(handle);
         return 1;
