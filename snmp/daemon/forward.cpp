@@ -275,6 +275,14 @@ static int compare_oid_text(const char* a, const char* b) {
     }
 }
 
+// Copies `src` into `dst` of `size` bytes, cut to fit and always terminated; what
+// snprintf("%s") does, without parsing a format on every forwarded request.
+static void copy_text(char* dst, size_t size, const char* src) {
+    size_t n = strnlen(src, size - 1);
+    memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
 struct rmt_reply {
     char* oid;  // FWD_TEXT_SIZE bytes
     int* type;
@@ -283,7 +291,7 @@ struct rmt_reply {
 };
 
 static void copy_reply(const dpi_set_packet* vb, const rmt_reply& reply) {
-    snprintf(reply.oid, FWD_TEXT_SIZE, "%s", vb->object_id != nullptr ? vb->object_id : "");
+    copy_text(reply.oid, FWD_TEXT_SIZE, vb->object_id != nullptr ? vb->object_id : "");
     *reply.type = vb->value_type;
     unsigned len = vb->value_len < FWD_PACKET_SIZE ? vb->value_len : FWD_PACKET_SIZE;
     *reply.len = static_cast<int>(len);
@@ -320,7 +328,7 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
         const dpi_set_packet* vb = resp->varBinds;
         if (vb == nullptr) {
             if (type == SNMP_DPI_SET) {
-                snprintf(reply.oid, FWD_TEXT_SIZE, "%s", oid_text);
+                copy_text(reply.oid, FWD_TEXT_SIZE, oid_text);
                 *reply.type = value_type;
                 *reply.len = value_len;
                 if (value_len > 0) {
@@ -347,7 +355,7 @@ static int rmt_call(int fd, int type, const char* oid_text, const char* subtree_
                 release_hdr();
                 return FWD_GEN_ERR;
             }
-            snprintf(restart_oid, sizeof restart_oid, "%s", next);
+            copy_text(restart_oid, sizeof restart_oid, next);
             request_oid = restart_oid;
             packet = mkMIBquery(SNMP_DPI_GETNEXT, restart_oid, subtree_text, value_type, value_len,
                                 value);

@@ -2,6 +2,7 @@
 // record, growth and reuse in place whenever the recorded block size suffices.
 #include "snmp_container.h"
 
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -564,9 +565,13 @@ char* snmp_oid_to_string(const snmp_container* c)
             buf = grown;
             size = bigger;
         }
-        int written = std::snprintf(buf + used, size - used, i + 1 < c->length ? "%lu." : "%lu",
-                                    static_cast<unsigned long>(subids[i]));
-        used += static_cast<size_t>(written);
+        // Every forwarded request names its objects as text: no format parsing per arc.
+        char* end = std::to_chars(buf + used, buf + size, subids[i]).ptr;
+        if (i + 1 < c->length) {
+            *end++ = '.';
+        }
+        *end = '\0';
+        used = static_cast<size_t>(end - buf);
     }
     return buf;
 }
