@@ -1,9 +1,7 @@
-# The SNMP library's decoders, one target each from one source; records are compared through
-# the tests' lib_render.h.
+# The SNMP library's decoders: one target each from one source, sharing the tests' renderer.
 foreach(t snmp_decode_message:SNMP smux_decode_message:SMUX agentx_decode:AGENTX oid_text:OID)
-  string(REPLACE ":" ";" t ${t})
-  list(GET t 0 name)
-  list(GET t 1 which)
+  string(REGEX REPLACE ":.*" "" name ${t})
+  string(REGEX REPLACE ".*:" "" which ${t})
   varnex_fuzz_target(${name} snmp_codecs.cpp snmpkit)
   if(TARGET fuzz_${name})
     target_compile_definitions(fuzz_${name} PRIVATE FUZZ_${which})

@@ -13,20 +13,16 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-static void require(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+#define require(ok) ((ok) ? void() : abort())
 
 #if defined(FUZZ_SNMP)  // SNMPv1 messages as tools receive them over UDP
 struct Slot {
-    snmp_pdu* pdu = snmp_create_pdu(16);
-    snmp_trap_pdu* trap = snmp_create_trap_pdu(16);
     char community[64] = {};
     snmp_message msg{};
     int decode(const uint8_t* data, size_t n) {
-        msg = {0, 64, 0, community, snmp_pdu_size(16), snmp_trap_pdu_size(16), pdu, trap, 0};
+        msg = {0, 64, 0, community, snmp_pdu_size(16), snmp_trap_pdu_size(16),
+               msg.snmp != nullptr ? msg.snmp : snmp_create_pdu(16),
+               msg.trap != nullptr ? msg.trap : snmp_create_trap_pdu(16), 0};
         snmp_buffer buf{nullptr, 0, const_cast<uint8_t*>(data), uint32_t(n)};
         return snmp_decode_message(&msg, &buf);
     }

@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -20,36 +17,26 @@ using Bytes = vx_bytes;
 using std::string;
 constexpr int OK = AGENTX_OK, MAL = AGENTX_MALFORMED, MORE = AGENTX_NEED_MORE;
 
-string rep(const string& s, int n) {
-    return n > 0 ? s + rep(s, n - 1) : "";
-}
+Bytes hex(const string& text) { return vx_hex(text.c_str()); }
+string rep(const string& s, int n) { return n > 0 ? s + rep(s, n - 1) : ""; }
 
 // A PDU in network byte order from session 1, transaction 2, packet 3.
 Bytes ax(uint8_t type, uint8_t flags, const string& payload) {
-    const Bytes body = vx_hex(payload.c_str());
-    Bytes out = vx_hex(lib_render::fmt("01 %02X %02X 00 00000001 00000002 00000003 %08zX", type,
-                                       flags | 0x10, body.size()).c_str());
-    out.insert(out.end(), body.begin(), body.end());
-    return out;
+    return hex(lib_render::fmt("01 %02X %02X 00 00000001 00000002 00000003 %08zX", type, flags | 0x10,
+                               hex(payload).size()) + payload);
 }
-Bytes hex(const string& text) {
-    return vx_hex(text.c_str());
-}
-
 // A varbind named 1.3.6.1.4.1.99999.1.n (prefix-compressed), and its fields.
 string vb(const char* type, int n, const string& data = "") {
     return lib_render::fmt("%s 0000 04040000 00000001 0001869F 00000001 %08X ", type, n) + data;
 }
-string e(int n, const string& value) {
-    return " 1.3.6.1.4.1.99999.1." + std::to_string(n) + "=" + value;
-}
+string e(int n, const string& value) { return " 1.3.6.1.4.1.99999.1." + std::to_string(n) + "=" + value; }
 
 struct Row {
     const char* name;
     Bytes wire;
     int code;
-    string fields = "";
-    Bytes again = {};  // the encoding when it differs from `wire`
+    string fields = "";  // after the header's
+    Bytes again = {};    // the encoding when it differs from `wire`
     int frame = OK;
 };
 
@@ -63,12 +50,14 @@ void check(agentx_pdu* rec, const Row& row) {
         EXPECT_TRUE(row.frame != OK || rec->header.packet_id == 3);  // enough to answer it
         return;
     }
+    // Name and flags as the wire gives them; session 1, transaction 2, packet 3 in either order.
+    const string fields = lib_render::fmt("%s f%02X s1 t2 p3", agentx_pdu_name(row.wire[1]),
+                                          row.wire[2] & ~0x10) + row.fields;
+    EXPECT_EQ(lib_render::agentx(rec), fields);
     EXPECT_EQ(flen, n);
-    EXPECT_EQ(lib_render::agentx(rec), row.fields);
     Bytes out(n + 8);
     ASSERT_EQ(agentx_encode_pdu(rec, out.data(), n + 8, &len), OK);
-    out.resize(len);
-    EXPECT_EQ(vx_to_hex(out), vx_to_hex(row.again.empty() ? row.wire : row.again));
+    EXPECT_EQ(vx_to_hex(Bytes(out.begin(), out.begin() + len)), vx_to_hex(row.again.empty() ? row.wire : row.again));
     EXPECT_EQ(agentx_encode_pdu(rec, out.data(), len - 1, &len), AGENTX_NO_ROOM);
     for (uint32_t cut = 0; cut < n; cut++) {
         EXPECT_EQ(agentx_frame_len(row.wire.data(), cut, &flen), MORE);
@@ -77,128 +66,100 @@ void check(agentx_pdu* rec, const Row& row) {
     }
     Bytes two = row.wire;  // a second PDU behind the first is not looked at
     two.insert(two.end(), row.wire.begin(), row.wire.end());
-    EXPECT_EQ(agentx_frame_len(two.data(), uint32_t(two.size()), &flen), OK);
+    EXPECT_EQ(agentx_frame_len(two.data(), 2 * n, &flen), OK);
     EXPECT_EQ(flen, n);
-    ASSERT_EQ(agentx_decode_pdu(two.data(), uint32_t(two.size()), rec), OK);
-    EXPECT_EQ(lib_render::agentx(rec), row.fields);
+    ASSERT_EQ(agentx_decode_pdu(two.data(), 2 * n, rec), OK);
+    EXPECT_EQ(lib_render::agentx(rec), fields);
 }
 
 const string kEnterprise = "02040000 00000001 0001869F";  // 1.3.6.1.4.1.99999
-const Bytes kNotify = ax(12, 0,
-                         "0043 0000 04020000 00000001 00000001 00000003 00000000 00001068 "
-                         "0006 0000 06060000 00000003 00000001 00000001 00000004 00000001 00000000 "
-                         "04040000 00000001 0001869F 00000000 00000001");
+const Bytes kNotify = ax(12, 0, "0043 0000 04020000 00000001 00000001 00000003 00000000 00001068 "
+                                "0006 0000 06060000 00000003 00000001 00000001 00000004 00000001 "
+                                "00000000 04040000 00000001 0001869F 00000000 00000001");
 
 TEST(AgentX, Vectors) {
-    const string oid128 = "80000000" + rep("00000002", 128);
+    const string ip = "00000004 7F000001", le = "01000000 02000000 03000000 ";
     const Row rows[] = {
-        {"Open",
-         hex("01 01 10 00 00000001 00000002 00000003 0000001C 05000000 " + kEnterprise +
-             " 00000007 7661726E 65783200"),
-         OK, "Open f00 s1 t2 p3 to5 1.3.6.1.4.1.99999 'varnex2'"},
-        {"Close", ax(2, 0, "05000000"), OK, "Close f00 s1 t2 p3 reason5"},
-        {"Register a row range",
-         ax(3, 0, "007F0A00 05020000 00000001 00000002 00000002 00000001 00000001 00000016"), OK,
-         "Register f00 s1 t2 p3 to0 pri127 1.3.6.1.2.1.2.2.1.1 r10-22"},
-        {"Register an instance in a context",
-         ax(3, 0x09, "00000003 63747800 1E640000 04020000 00000001 00000001 00000003 00000000"), OK,
-         "Register f09 s1 t2 p3 ctx'ctx' to30 pri100 1.3.6.1.2.1.1.3.0"},
-        {"Unregister", ax(4, 0, "007F0000 " + kEnterprise), OK,
-         "Unregister f00 s1 t2 p3 to0 pri127 1.3.6.1.4.1.99999"},
-        {"Get",
-         ax(5, 0,
-            "04020100 00000001 00000001 00000001 00000000 00000000 "
-            "03000000 00000001 00000000 00002262 03000000 00000001 00000000 00002263"),
-         OK, "Get f00 s1 t2 p3 [1.3.6.1.2.1.1.1.0+,] [1.0.8802,1.0.8803]"},
+        {"Open", ax(1, 0, "05000000 " + kEnterprise + " 00000007 7661726E 65783200"), OK,
+         " to5 1.3.6.1.4.1.99999 'varnex2'"},
+        {"Close", ax(2, 0, "05000000"), OK, " reason5"},
+        {"Register a row range", ax(3, 0, "007F0A00 05020000 00000001 00000002 00000002 00000001 "
+                                          "00000001 00000016"), OK, " to0 pri127 1.3.6.1.2.1.2.2.1.1 r10-22"},
+        {"Register an instance in a context", ax(3, 9, "00000003 63747800 1E640000 04020000 "
+                                                       "00000001 00000001 00000003 00000000"),
+         OK, " ctx'ctx' to30 pri100 1.3.6.1.2.1.1.3.0"},
+        {"Unregister", ax(4, 0, "007F0000 " + kEnterprise), OK, " to0 pri127 1.3.6.1.4.1.99999"},
+        {"Get", ax(5, 0, "04020100 00000001 00000001 00000001 00000000 00000000 03000000 00000001 "
+                         "00000000 00002262 03000000 00000001 00000000 00002263"),
+         OK, " [1.3.6.1.2.1.1.1.0+,] [1.0.8802,1.0.8803]"},
         {"GetNext: null OIDs, no prefix for 256, a prefix alone",
-         ax(6, 0,
-            "00000000 00000000 06000100 00000001 00000003 00000006 00000001 00000100 "
-            "00000001 00040000"),
-         OK, "GetNext f00 s1 t2 p3 [,] [1.3.6.1.256.1+,1.3.6.1.4]"},
-        {"GetBulk in the empty context",
-         ax(7, 0x08,
-            "00000000 0001000A 05020000 00000001 00000002 00000002 00000001 00000002 00000000"),
-         OK, "GetBulk f08 s1 t2 p3 ctx'' nr1 mr10 [1.3.6.1.2.1.2.2.1.2,]"},
+         ax(6, 0, "00000000 00000000 06000100 00000001 00000003 00000006 00000001 00000100 "
+                  "00000001 00040000"), OK, " [,] [1.3.6.1.256.1+,1.3.6.1.4]"},
+        {"GetBulk in the empty context", ax(7, 8, "00000000 0001000A 05020000 00000001 00000002 "
+                                                  "00000002 00000001 00000002 00000000"),
+         OK, " ctx'' nr1 mr10 [1.3.6.1.2.1.2.2.1.2,]"},
         {"TestSet of every type",
-         ax(8, 0,
-            vb("0002", 1, "FFFFFFFF") + vb("0004", 2, "00000005 61626364 65000000") +
-                vb("0005", 3) +
-                vb("0006", 4, "05060000 00000003 00000001 00000001 00000005 00000001") +
-                vb("0040", 5, "00000004 7F000001") + vb("0041", 6, "FFFFFFFF") +
-                vb("0042", 7, "00000080") + vb("0043", 8, "7FFFFFFF") + vb("0044", 9, "00000000") +
-                vb("0046", 10, "00000001 00000002")),
-         OK,
-         "TestSet f00 s1 t2 p3" + e(1, "02:-1") + e(2, "04:6162636465") + e(3, "05:") +
-             e(4, "06:1.3.6.1.6.3.1.1.5.1") + e(5, "40:127.0.0.1") + e(6, "41:4294967295") +
-             e(7, "42:128") + e(8, "43:2147483647") + e(9, "44:") + e(10, "46:1.2")},
-        {"CommitSet", ax(9, 0, ""), OK, "CommitSet f00 s1 t2 p3"},
-        {"UndoSet", ax(10, 0, ""), OK, "UndoSet f00 s1 t2 p3"},
-        {"CleanupSet", ax(11, 0, ""), OK, "CleanupSet f00 s1 t2 p3"},
-        {"Notify", kNotify, OK,
-         "Notify f00 s1 t2 p3 1.3.6.1.2.1.1.3.0=43:4200 "
-         "1.3.6.1.6.3.1.1.4.1.0=06:1.3.6.1.4.1.99999.0.1"},
-        {"Ping in a context", ax(13, 0x08, "00000006 7075626C 69630000"), OK,
-         "Ping f08 s1 t2 p3 ctx'public'"},
-        {"IndexAllocate", ax(14, 0x04, vb("0002", 1, "00000000")), OK,
-         "IndexAllocate f04 s1 t2 p3" + e(1, "02:0")},
-        {"IndexDeallocate", ax(15, 0, vb("0004", 2, "00000001 78000000")), OK,
-         "IndexDeallocate f00 s1 t2 p3" + e(2, "04:78")},
+         ax(8, 0, vb("0002", 1, "FFFFFFFF") + vb("0004", 2, "00000005 61626364 65000000") +
+                      vb("0005", 3) + vb("0006", 4, "05060000 00000003 00000001 00000001 00000005 00000001") +
+                      vb("0040", 5, ip) + vb("0041", 6, "FFFFFFFF") + vb("0042", 7, "00000080") +
+                      vb("0043", 8, "7FFFFFFF") + vb("0044", 9, "00000000") + vb("0046", 10, "00000001 00000002")),
+         OK, e(1, "02:-1") + e(2, "04:6162636465") + e(3, "05:") + e(4, "06:1.3.6.1.6.3.1.1.5.1") +
+                 e(5, "40:127.0.0.1") + e(6, "41:4294967295") + e(7, "42:128") + e(8, "43:2147483647") +
+                 e(9, "44:") + e(10, "46:1.2")},
+        {"CommitSet", ax(9, 0, ""), OK}, {"UndoSet", ax(10, 0, ""), OK}, {"CleanupSet", ax(11, 0, ""), OK},
+        {"Notify", kNotify, OK, " 1.3.6.1.2.1.1.3.0=43:4200 1.3.6.1.6.3.1.1.4.1.0=06:1.3.6.1.4.1.99999.0.1"},
+        {"Ping in a context", ax(13, 8, "00000006 7075626C 69630000"), OK, " ctx'public'"},
+        {"IndexAllocate", ax(14, 4, vb("0002", 1, "00000000")), OK, e(1, "02:0")},
+        {"IndexDeallocate", ax(15, 0, vb("0004", 2, "00000001 78000000")), OK, e(2, "04:78")},
         {"AddAgentCaps", ax(16, 0, "03040000 00000001 0001869F 00000002 00000004 63617073"), OK,
-         "AddAgentCaps f00 s1 t2 p3 1.3.6.1.4.1.99999.2 'caps'"},
-        {"RemoveAgentCaps", ax(17, 0, "03040000 00000001 0001869F 00000002"), OK,
-         "RemoveAgentCaps f00 s1 t2 p3 1.3.6.1.4.1.99999.2"},
-        {"Response with the exceptions",
-         ax(18, 0, "12345678 0000 0000" + vb("0080", 1) + vb("0081", 2) + vb("0082", 3)), OK,
-         "Response f00 s1 t2 p3 up305419896 err0 idx0" + e(1, "80:") + e(2, "81:") + e(3, "82:")},
-        {"Response parseError", ax(18, 0, "00000000 010A 0001"), OK,
-         "Response f00 s1 t2 p3 up0 err266 idx1"},
-        {"OID of 128 sub-identifiers", ax(5, 0, oid128 + "00000000"), OK,
-         "Get f00 s1 t2 p3 [" + rep("2.", 127) + "2,]"},
+         " 1.3.6.1.4.1.99999.2 'caps'"},
+        {"RemoveAgentCaps", ax(17, 0, "03040000 00000001 0001869F 00000002"), OK, " 1.3.6.1.4.1.99999.2"},
+        {"Response with the exceptions", ax(18, 0, "12345678 0000 0000" + vb("0080", 1) + vb("0081", 2) +
+                                                       vb("0082", 3)),
+         OK, " up305419896 err0 idx0" + e(1, "80:") + e(2, "81:") + e(3, "82:")},
+        {"Response parseError", ax(18, 0, "00000000 010A 0001"), OK, " up0 err266 idx1"},
+        {"OID of 128 sub-identifiers", ax(5, 0, "80000000" + rep("00000002", 128) + "00000000"), OK,
+         " [" + rep("2.", 127) + "2,]"},
         // Accepted, written differently.
-        {"internet OID not compressed",
-         ax(17, 0, "07000000 00000001 00000003 00000006 00000001 00000004 00000001 0001869F"), OK,
-         "RemoveAgentCaps f00 s1 t2 p3 1.3.6.1.4.1.99999", ax(17, 0, kEnterprise)},
-        {"include 2, end include 1, reserved FF", ax(5, 0, "020202FF 00000001 00000001 00000100"),
-         OK, "Get f00 s1 t2 p3 [1.3.6.1.2.1.1+,]", ax(5, 0, "02020100 00000001 00000001 00000000")},
-        {"padding not zero", ax(13, 0x08, "00000001 78FFFFFF"), OK, "Ping f08 s1 t2 p3 ctx'x'",
-         ax(13, 0x08, "00000001 78000000")},
-        {"reserved octets not zero",
-         hex("01 02 10 FF 00000001 00000002 00000003 00000004 01FFFFFF"), OK,
-         "Close f00 s1 t2 p3 reason1", ax(2, 0, "01000000")},
-        {"Response little-endian",
-         hex("01 12 00 00 01000000 02000000 03000000 28000000 78563412 0A01 0100 "
-             "4600 0000 04040000 01000000 9F860100 01000000 0A000000 02000000 01000000"),
-         OK, "Response f00 s1 t2 p3 up305419896 err266 idx1" + e(10, "46:1.2"),
+        {"internet OID not compressed", ax(17, 0, "07000000 00000001 00000003 00000006 00000001 00000004 "
+                                                  "00000001 0001869F"),
+         OK, " 1.3.6.1.4.1.99999", ax(17, 0, kEnterprise)},
+        {"include 2, end include 1, reserved FF", ax(5, 0, "020202FF 00000001 00000001 00000100"), OK,
+         " [1.3.6.1.2.1.1+,]", ax(5, 0, "02020100 00000001 00000001 00000000")},
+        {"padding not zero", ax(13, 8, "00000001 78FFFFFF"), OK, " ctx'x'", ax(13, 8, "00000001 78000000")},
+        {"reserved octets not zero", hex("01 02 10 FF 00000001 00000002 00000003 00000004 01FFFFFF"), OK,
+         " reason1", ax(2, 0, "01000000")},
+        {"Response little-endian", hex("01 12 00 00" + le + "28000000 78563412 0A01 0100 4600 0000 "
+                                       "04040000 01000000 9F860100 01000000 0A000000 02000000 01000000"),
+         OK, " up305419896 err266 idx1" + e(10, "46:1.2"),
          ax(18, 0, "12345678 010A 0001" + vb("0046", 10, "00000001 00000002"))},
-        {"GetBulk little-endian",
-         hex("01 07 08 00 01000000 02000000 03000000 28000000 03000000 63747800 0100 0A00 "
-             "05020100 01000000 02000000 02000000 01000000 02000000 00000000"),
-         OK, "GetBulk f08 s1 t2 p3 ctx'ctx' nr1 mr10 [1.3.6.1.2.1.2.2.1.2+,]",
-         ax(7, 0x08,
-            "00000003 63747800 0001000A 05020100 00000001 00000002 00000002 00000001 "
-            "00000002 00000000")},
-        {"Register little-endian",
-         hex("01 03 00 00 01000000 02000000 03000000 14000000 007F0700 02040000 01000000 "
-             "9F860100 16000000"),
-         OK, "Register f00 s1 t2 p3 to0 pri127 1.3.6.1.4.1.99999 r7-22",
-         ax(3, 0, "007F0700 " + kEnterprise + " 00000016")},
+        {"GetBulk little-endian", hex("01 07 08 00" + le + "28000000 03000000 63747800 0100 0A00 "
+                                      "05020100 01000000 02000000 02000000 01000000 02000000 00000000"),
+         OK, " ctx'ctx' nr1 mr10 [1.3.6.1.2.1.2.2.1.2+,]",
+         ax(7, 8, "00000003 63747800 0001000A 05020100 00000001 00000002 00000002 00000001 "
+                  "00000002 00000000")},
+        {"Register little-endian", hex("01 03 00 00" + le + "14000000 007F0700 02040000 01000000 "
+                                       "9F860100 16000000"),
+         OK, " to0 pri127 1.3.6.1.4.1.99999 r7-22", ax(3, 0, "007F0700 " + kEnterprise + " 00000016")},
+        {"IpAddress little-endian", hex("01 08 00 00" + le + "18000000 4000 0000 02040000 01000000 "
+                                        "9F860100 04000000 7F000001"),
+         OK, " 1.3.6.1.4.1.99999=40:127.0.0.1", ax(8, 0, "0040 0000 " + kEnterprise + ip)},
         // Refused.
         {"version 2", hex("02 0D 10 00 00000001 00000002 00000003 00000000"), MAL, "", {}, MAL},
-        {"payload of 6", hex("01 0D 10 00 00000001 00000002 00000003 00000006 0000 00000000"),
-         MAL, "", {}, MAL},
+        {"payload of 6", hex("01 0D 10 00 00000001 00000002 00000003 00000006 0000 00000000"), MAL,
+         "", {}, MAL},
         {"payload over the limit", hex("01 0D 10 00 00000001 00000002 00000003 00100004"),
          AGENTX_TOO_BIG, "", {}, AGENTX_TOO_BIG},
-        {"payload over the limit, little-endian", hex("01 0D 00 00 01000000 02000000 03000000 04001000"),
+        {"payload over the limit, little-endian", hex("01 0D 00 00" + le + "04001000"),
          AGENTX_TOO_BIG, "", {}, AGENTX_TOO_BIG},
-        {"type 0", ax(0, 0, ""), AGENTX_UNKNOWN_PDU},
-        {"type 19", ax(19, 0, "00000000"), AGENTX_UNKNOWN_PDU},
+        {"type 0", ax(0, 0, ""), AGENTX_UNKNOWN_PDU}, {"type 19", ax(19, 0, "00000000"), AGENTX_UNKNOWN_PDU},
         {"Close with more", ax(2, 0, "05000000 00000000"), MAL},
         {"Open without description", ax(1, 0, "05000000 00000000"), MAL},
         {"range without its bound", ax(3, 0, "007F0A00 00000000"), MAL},
         {"OID of 129 sub-identifiers", ax(5, 0, "81000000" + rep("00000002", 129) + "00000000"), MAL},
         {"OID past the payload", ax(5, 0, "02000000 00000001"), MAL},
-        {"context past the payload", ax(13, 0x08, "00000005 61626364"), MAL},
-        {"context flag without context", ax(5, 0x08, ""), MAL},
+        {"context past the payload", ax(13, 8, "00000005 61626364"), MAL},
+        {"context flag without context", ax(5, 8, ""), MAL},
         {"IpAddress of 3 octets", ax(8, 0, vb("0040", 1, "00000003 7F000000")), MAL},
         {"varbind type 3", ax(8, 0, vb("0003", 1, "00000000")), MAL},
         {"varbind type 0x0102", ax(8, 0, vb("0102", 1, "00000000")), MAL},
@@ -229,32 +190,33 @@ TEST(AgentX, BuildsAndRefuses) {
     auto encode = [&] { return agentx_encode_pdu(p, out.data(), uint32_t(out.size()), &len); };
     ASSERT_EQ(encode(), OK);
     EXPECT_EQ(vx_to_hex(Bytes(out.begin(), out.begin() + len)), vx_to_hex(kNotify));
-    EXPECT_EQ(agentx_add_varbind(p, nullptr, nullptr), AGENTX_BAD_ARGUMENT);
+    std::vector<int> refused = {agentx_add_varbind(p, nullptr, nullptr)};
     for (auto [c, tag] : {std::pair{p->varbinds[0].value, 0x30}, {p->varbinds[0].value, 0x06},
-                          {p->varbinds[1].value, 0x04}, {p->varbinds[1].value, 0x46},
-                          {p->varbinds[1].value, 0x40}}) {
+                          {p->varbinds[1].value, 0x04}, {p->varbinds[1].value, 0x46}}) {
         const uint8_t was = c->tag;
         c->tag = uint8_t(tag);
-        EXPECT_EQ(encode(), AGENTX_BAD_ARGUMENT) << tag;
+        refused.push_back(encode());
         c->tag = was;
     }
     for (int extra : {128, 129}) {  // sub-identifiers after the 1.3.6.1.4 prefix
         snmp_free_container(p->varbinds[1].name);
         p->varbinds[1].name = snmp_create_oid_container(("1.3.6.1.4" + rep(".7", extra)).c_str());
-        EXPECT_EQ(encode(), extra == 128 ? OK : AGENTX_BAD_ARGUMENT);
+        refused.push_back(encode());
     }
     ASSERT_EQ(agentx_reserve_varbinds(p, 3), OK);
     std::swap(p->varbinds[0].name, p->varbinds[2].name);  // a null name
-    EXPECT_EQ(encode(), AGENTX_BAD_ARGUMENT);
+    refused.push_back(encode());
     p->header = {0, AGENTX_PING_PDU, AGENTX_FLAG_NON_DEFAULT_CONTEXT, 1, 2, 3, 0};
-    EXPECT_EQ(encode(), AGENTX_BAD_ARGUMENT);  // no context container
+    refused.push_back(encode());  // no context container
     p->header.type = AGENTX_OPEN_PDU;
-    EXPECT_EQ(encode(), AGENTX_BAD_ARGUMENT);  // no id, no description
+    refused.push_back(encode());  // no id, no description
     p->header.type = 19;
-    EXPECT_EQ(encode(), AGENTX_UNKNOWN_PDU);
-    EXPECT_EQ(agentx_encode_pdu(p, nullptr, 0, &len), AGENTX_BAD_ARGUMENT);
-    EXPECT_EQ(agentx_decode_pdu(nullptr, 0, p), AGENTX_BAD_ARGUMENT);
-    EXPECT_EQ(agentx_frame_len(out.data(), 0, nullptr), AGENTX_BAD_ARGUMENT);
+    for (int rc : {encode(), agentx_encode_pdu(p, nullptr, 0, &len), agentx_decode_pdu(nullptr, 0, p),
+                   agentx_frame_len(out.data(), 0, nullptr)}) {
+        refused.push_back(rc);
+    }
+    const int B = AGENTX_BAD_ARGUMENT;
+    EXPECT_EQ(refused, std::vector<int>({B, B, B, B, B, OK, B, B, B, B, AGENTX_UNKNOWN_PDU, B, B, B}));
     agentx_free_pdu(p);
 }
 
