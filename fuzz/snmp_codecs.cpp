@@ -26,8 +26,8 @@ struct Slot {
         snmp_buffer buf{nullptr, 0, const_cast<uint8_t*>(data), uint32_t(n)};
         return snmp_decode_message(&msg, &buf);
     }
-    // Elements grow at most threefold (an empty IpAddress takes six bytes) and the trap
-    // encoder wants five octets of room per enterprise sub-identifier: six times will do.
+    // Elements grow at most threefold (an empty IpAddress takes six bytes); the trap encoder
+    // wants five octets of room per enterprise sub-identifier: six times will do.
     std::vector<uint8_t> encode(size_t n) {
         std::vector<uint8_t> out(n * 6 + 64);
         snmp_buffer buf{out.data(), uint32_t(out.size()), nullptr, 0};
@@ -72,9 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(std::vector<uint8_t>(start, start + len) == wire);
     return 0;
 }
-#elif defined(FUZZ_AGENTX)  // everything the master agent sends over AgentX
-// Also: framer and decoder agree, and re-encoding never takes more bytes than the input
-// (prefix compression and the byte order only keep or shrink a PDU).
+#elif defined(FUZZ_AGENTX)  // everything the master agent sends over AgentX; also, framer and
+// decoder agree, and re-encoding takes no more bytes than the input (compression, byte order)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static agentx_pdu* first = agentx_create_pdu();
     static agentx_pdu* second = agentx_create_pdu();

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "lib_render.h"
@@ -28,19 +29,13 @@ string word(uint32_t v) { return string(reinterpret_cast<const char*>(&v), 4); }
 
 // Swaps in what an operation returned, the way callers must; false for a refusal.
 bool adopt(Owned& held, snmp_container* result) {
-    if (result != nullptr) {
-        (void)held.release();
-        held.reset(result);
-    }
-    return result != nullptr;
+    return result != nullptr && ((void)held.release(), held.reset(result), true);
 }
 
 // Dotted text: the count, the container built, the text printed back; a prefix sorts first.
 TEST(SnmpContainer, OidTextAndOrder) {
-    const struct {
-        const char *text, *back;  // back: printed again, null for invalid
-        int check;
-    } rows[] = {
+    // Text, its check of the first arcs, and the text printed back (null: invalid).
+    const std::tuple<const char*, const char*, int> rows[] = {
         {"1.3.6.1", "1.3.6.1", 1}, {".1.3.6.1", "1.3.6.1", 0}, {"1.3.6.1.", nullptr, 0},
         {"1..3", nullptr, 0},      {"3.1", nullptr, 1},        {"3.1", "3.1", 0},
         {".3.1", nullptr, 0},      {"1.40", nullptr, 1},       {"0.40", nullptr, 1},
@@ -49,31 +44,28 @@ TEST(SnmpContainer, OidTextAndOrder) {
         {"007.3", "7.3", 0},       {"1.3a", nullptr, 0},       {"+1.3", nullptr, 0},
         {" 1.3", nullptr, 0},      {"1.-3", nullptr, 0},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(string("'") + row.text + "' " + std::to_string(row.check));
-        const string back = row.back != nullptr ? row.back : "";
-        EXPECT_EQ(snmp_validate_and_count(row.text, row.check),
+    for (const auto& [text, printed, check] : rows) {
+        SCOPED_TRACE(string("'") + text + "' " + std::to_string(check));
+        const string back = printed != nullptr ? printed : "";
+        EXPECT_EQ(snmp_validate_and_count(text, check),
                   back.empty() ? 0 : std::count(back.begin(), back.end(), '.') + 1);
-        if (row.check != 0) {
-            Owned c = oid(row.text);
-            ASSERT_EQ(c != nullptr, row.back != nullptr);
-            char* text = snmp_oid_to_string(c.get());
-            EXPECT_EQ(c ? string(text) : "", back);
-            std::free(text);
+        if (check != 0) {
+            Owned c = oid(text);
+            ASSERT_EQ(c != nullptr, printed != nullptr);
+            char* out = snmp_oid_to_string(c.get());
+            EXPECT_EQ(c ? string(out) : "", back);
+            std::free(out);
         }
     }
-    const struct {
-        const char *a, *b;
-        uint32_t n;
-        int32_t order;  // n > 0: only the first n count, a prefix sorts first
-    } order[] = {{"1.3.6.1", "1.3.6.1.2", 0, -1}, {"1.3.6.1.2", "1.3.6.1", 0, 1},
-                 {"1.3.6.1", "1.3.6.1.2", 4, 0},  {"1.3.6.1.2", "1.3.6.1", 4, 0},
-                 {"1.3.5.9", "1.3.6.1", 4, -1},   {"1.3.7", "1.3.6.1", 4, 1},
-                 {"1.3.6", "1.3.6.1", 4, -1},     {"1.3.6.1", "1.3.6.1", 0, 0},
-                 {"1.3", "1.3.6", 5, -1},         {"2.4294967295", "2.1", 0, 1}};
-    for (const auto& row : order) {
-        SCOPED_TRACE(string(row.a) + " vs " + row.b + " n " + std::to_string(row.n));
-        EXPECT_EQ(snmp_compare_oid_subids(oid(row.a).get(), oid(row.b).get(), row.n), row.order);
+    // a, b, n (> 0: only the first n count), and their order; a prefix sorts first.
+    const std::tuple<const char*, const char*, uint32_t, int32_t> order[] = {
+        {"1.3.6.1", "1.3.6.1.2", 0, -1}, {"1.3.6.1.2", "1.3.6.1", 0, 1}, {"1.3.6.1", "1.3.6.1.2", 4, 0},
+        {"1.3.6.1.2", "1.3.6.1", 4, 0}, {"1.3.5.9", "1.3.6.1", 4, -1}, {"1.3.7", "1.3.6.1", 4, 1},
+        {"1.3.6", "1.3.6.1", 4, -1}, {"1.3.6.1", "1.3.6.1", 0, 0}, {"1.3", "1.3.6", 5, -1},
+        {"2.4294967295", "2.1", 0, 1}};
+    for (const auto& [a, b, n, sign] : order) {
+        SCOPED_TRACE(string(a) + " vs " + b + " n " + std::to_string(n));
+        EXPECT_EQ(snmp_compare_oid_subids(oid(a).get(), oid(b).get(), n), sign);
     }
     Owned a = oid("1.3"), number(snmp_create_value_container("\7", 1, SNMP_TAG_INTEGER, 0));
     EXPECT_EQ(snmp_compare_oid_subids(a.get(), number.get(), 0), SNMP_ERR_NOT_OID);
