@@ -1,3 +1,10 @@
-# The SNMP message and SMUX PDU decoders, each with a decode-encode-decode property.
-varnex_fuzz_target(snmp_decode_message snmp_decode.cpp snmpkit)
-varnex_fuzz_target(smux_decode_message smux_decode.cpp snmpkit)
+# The SNMP library's decoders: one target each from one source, sharing the tests' renderer.
+foreach(t snmp_decode_message:SNMP smux_decode_message:SMUX agentx_decode:AGENTX oid_text:OID)
+  string(REGEX REPLACE ":.*" "" name ${t})
+  string(REGEX REPLACE ".*:" "" which ${t})
+  varnex_fuzz_target(${name} snmp_codecs.cpp snmpkit)
+  if(TARGET fuzz_${name})
+    target_compile_definitions(fuzz_${name} PRIVATE FUZZ_${which})
+    target_include_directories(fuzz_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  endif()
+endforeach()
