@@ -3,6 +3,7 @@
 // that is written as the very same bytes (the writer puts down every field of the tree), and
 // any parsed packet can be answered. Version-1 trees are exercised only, since the writer
 // joins their group and instance texts its own way.
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
