@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
+#include <algorithm>
+
 #include "snmpmDPI.h"
 #include "vx_peers.h"
 
