@@ -1,13 +1,10 @@
 # Subagents registering and leaving in a loop while managers walk a steady subagent's subtree
-# through snmpd and the daemon. The steady subagent is the forwarding benchmark's. The cases
-# run for seconds each and load both cores, so they run alone and carry the label `stress`
-# (`ctest -LE stress` leaves them out); bench/churn.sh runs them longer.
+# (the forwarding benchmark's) through snmpd and the daemon. The cases load both cores for
+# seconds: they run alone, labelled `stress`; bench/churn.sh runs them longer.
 include(${CMAKE_SOURCE_DIR}/bench/fwd_dpi_subagent.cmake)
 find_package(Threads REQUIRED)
 add_executable(churn_stress_test ${CMAKE_CURRENT_SOURCE_DIR}/churn_stress_test.cpp)
-target_link_libraries(churn_stress_test PRIVATE vx_testsupport dpisa GTest::gtest_main
-                                                Threads::Threads)
-target_compile_definitions(churn_stress_test
-                           PRIVATE STEADY_SUBAGENT_PATH="$<TARGET_FILE:fwd_dpi_subagent>")
+target_link_libraries(churn_stress_test PRIVATE vx_testsupport dpisa GTest::gtest_main Threads::Threads)
+target_compile_definitions(churn_stress_test PRIVATE STEADY_SUBAGENT_PATH="$<TARGET_FILE:fwd_dpi_subagent>")
 add_dependencies(churn_stress_test varnex2 fwd_dpi_subagent)
 gtest_discover_tests(churn_stress_test PROPERTIES LABELS stress RUN_SERIAL TRUE TIMEOUT 150)
