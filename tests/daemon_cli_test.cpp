@@ -46,32 +46,34 @@ TEST(DaemonCommandLine, OptionsEnvironmentAndIdentity) {
         const char* value;
         std::vector<std::string> lines;  // each in the output, in order
     };
+    const std::string u = "usage:  ", x = "VARNEX2_AGENTX";
     const row rows[] = {
-        {{"-x"}, nullptr, nullptr, {"usage:  ", " [-d [level]]\n\nvarnex2 version 1.0.00, "}},
+        {{"-x"}, nullptr, nullptr, {u, " [-d [level]]\n\nvarnex2 version 1.0.00, "}},
         {{"-d", "255", "-x"},
          nullptr,
          nullptr,
-         {"Tracing set to 255\n   8 DPI-lvl1\n",
-          "  16 DPI-lvl2\n  32 Internal-lvl1\n"
-          "  64 Internal-lvl2\n 128 Internal-lvl3\n",
-          "usage:  "}},
+         {"Tracing set to 255\n   8 DPI-lvl1\n  16 DPI-lvl2\n"
+          "  32 Internal-lvl1\n  64 Internal-lvl2\n 128 Internal-lvl3\n",
+          u}},
         {{"-d", "16", "-d", "+40xyz", "extra"},
          nullptr,
          nullptr,
-         {"Tracing set to 16\n  16 DPI-lvl2\n",
-          "Tracing set to 40\n   8 DPI-lvl1\n"
-          "  32 Internal-lvl1\n",
-          "usage:  "}},
-        {{"-d", "7", "-x"}, "SNMP_ERROR", "2", {"Tracing set to 7\n", "AGENTKIT", "usage:  "}},
+         {"Tracing set to 16\n  16 "
+          "DPI-lvl2\n",
+          "Tracing set to 40\n   8 DPI-lvl1\n  32 Internal-lvl1\n", u}},
+        {{"-d", "7", "-x"}, "SNMP_ERROR", "2", {"Tracing set to 7\n", "AGENTKIT", u}},
         {{},
-         "VARNEX2_AGENTX",
+         x.c_str(),
          "tcp:127.0.0.1:0",
          {"varnex2: VARNEX2_AGENTX=\"tcp:127.0.0.1:0\" cannot be used: "}},
-        {{}, "VARNEX2_AGENTX", "unix:relative", {"VARNEX2_AGENTX=\"unix:relative\" cannot"}},
+        {{}, x.c_str(), "unix:relative", {"VARNEX2_AGENTX=\"unix:relative\" cannot"}},
+        {{}, x.c_str(), "tcp:[]:705", {"the host name is empty"}},
+        {{}, x.c_str(), "tcp:127.0.0.1", {"tcp: needs HOST:PORT"}},
+        {{}, x.c_str(), "tcp:no-such-host.invalid:705", {"host \"no-such-host.invalid\""}},
         {{"-d", "255"},
          "VARNEX2_DPI_ADDRESS",
          "127.1",
-         {"varnex2: VARNEX2_DPI_ADDRESS=\"127.1\" is not an IPv4 address"}},
+         {"DPI_ADDRESS=\"127.1\" is not an IPv4 address"}},
     };
     for (const row& r : rows) {
         SCOPED_TRACE(r.args.empty() ? r.env : r.args.back());

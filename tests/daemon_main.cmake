@@ -12,12 +12,8 @@ add_dependencies(e2e_snmpd_test example_subagent)
 target_compile_definitions(daemon_cli_test PRIVATE VARNEX2_BINARY="$<TARGET_FILE:varnex2>")
 # The RReq timing in-process: the daemon's modules linked in, its entry point renamed.
 set(daemon_dir ${CMAKE_SOURCE_DIR}/snmp/daemon)
-add_executable(daemon_registry_test ${CMAKE_CURRENT_SOURCE_DIR}/daemon_registry_test.cpp
-                                    ${daemon_dir}/varnex2.cpp ${daemon_dir}/trace.cpp
-                                    ${daemon_dir}/conn.cpp ${daemon_dir}/holdings.cpp
-                                    ${daemon_dir}/session.cpp ${daemon_dir}/agentx_session.cpp
-                                    ${daemon_dir}/registry.cpp ${daemon_dir}/forward.cpp
-                                    ${daemon_dir}/agentx_forward.cpp)
+file(GLOB daemon_sources ${daemon_dir}/*.cpp)
+add_executable(daemon_registry_test ${CMAKE_CURRENT_SOURCE_DIR}/daemon_registry_test.cpp ${daemon_sources})
 target_include_directories(daemon_registry_test PRIVATE ${daemon_dir})
 target_compile_definitions(daemon_registry_test PRIVATE main=varnex2_main)
 target_compile_options(daemon_registry_test PRIVATE -Wno-missing-declarations)

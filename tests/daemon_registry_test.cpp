@@ -1,15 +1,12 @@
-// The session's timing of its RReqs, with the daemon's own modules linked into the test and
-// its clock driven by the test: announcements go to a loopback connection read as the agent
-// would, decoded by the library's SMUX codec.
+// The session's timing of its RReqs, the daemon's modules linked in and its clock driven by
+// the test; the RReq goes to a loopback connection and is read with the library's codec.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
-#include "forward.h"
 #include "registry.h"
 #include "smux_ed.h"
 #include "snmp_container.h"
@@ -19,7 +16,6 @@
 // RReqs wait for the agent connection to be quiet (a request may be on its way), but never
 // for long.
 TEST(RegistryTable, RReqsWaitForAQuietAgentButNotForLong) {
-    signal(SIGPIPE, SIG_IGN);
     tracing = 0;
     int listen_fd = vx_tcp_listen(0);
     ASSERT_GE(listen_fd, 0);

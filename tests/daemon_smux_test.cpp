@@ -12,6 +12,7 @@
 
 #include "smux_ed.h"
 #include "snmp_container.h"
+#include "snmp_dpi.h"
 #include "vx_peers.h"
 #include "vx_testsupport.h"
 
@@ -91,7 +92,8 @@ class DaemonWithFakes : public ::testing::Test {
         }
         listen_ = vx_tcp_listen(VX_SMUX_PORT);
         ASSERT_GE(listen_, 0);
-        ASSERT_TRUE(vx_start_varnex2(&daemon_, {"-d", "32"}, nullptr, &why)) << why;
+        // Every trace level: the packet dumps run too.
+        ASSERT_TRUE(vx_start_varnex2(&daemon_, {"-d", "255"}, nullptr, &why)) << why;
         accept_open();
         expect_rreq(PORT_OBJECT, 2);
         ASSERT_TRUE(vx_wait_for_text(daemon_.log_path, "DPI  fd: ", 5000));
@@ -221,12 +223,7 @@ TEST_F(DaemonWithFakes, SmuxSessionWithAScriptedAgent) {
     ASSERT_TRUE(vx_send_all(agent_.fd, request(SNMP_PDU_GETNEXT, 3, PORT_INSTANCE)));
     expect_response(3, 2, PORT_INSTANCE);
 
-    // A request in two pieces, then one of exactly 4096 bytes together with an SOut.
-    vx_bytes get = request(SNMP_PDU_GET, 4, PORT_INSTANCE);
-    ASSERT_TRUE(vx_send_all(agent_.fd, vx_bytes(get.begin(), get.begin() + 5)));
-    usleep(100 * 1000);
-    ASSERT_TRUE(vx_send_all(agent_.fd, vx_bytes(get.begin() + 5, get.end())));
-    expect_response(4, 0, PORT_INSTANCE, dpi_port_);
+    // A request of exactly 4096 bytes, after an SOut in the same write.
     // The codec's encoder cannot make it (it keeps room in its output area): written by hand.
     vx_bytes full;
     for (size_t n = 4000; n < 4096 && full.size() != 4096; n++) {
@@ -242,12 +239,17 @@ TEST_F(DaemonWithFakes, SmuxSessionWithAScriptedAgent) {
     full.insert(full.begin(), {0x44, 0x01, 0x00});
     ASSERT_TRUE(vx_send_all(agent_.fd, full));
     expect_response(5, 0, PORT_INSTANCE, dpi_port_);
+    // PDUs an agent does not send are passed over; a Set of the port object is refused.
+    for (uint8_t type : {SNMP_PDU_RESPONSE, SNMP_PDU_SET}) {
+        ASSERT_TRUE(vx_send_all(agent_.fd, request(type, 6, PORT_INSTANCE)));
+    }
+    expect_response(6, 2, PORT_INSTANCE);
 
     // A request while an RReq is unanswered means the agent took the RReq for its answer:
     // the request is not answered and the RReq goes again.
     vx_stream a = subagent(GROUP);
     expect_rreq(GROUP, 2, 0, false);
-    ASSERT_TRUE(vx_send_all(agent_.fd, request(SNMP_PDU_GET, 6, std::string(GROUP) + ".1.0")));
+    ASSERT_TRUE(vx_send_all(agent_.fd, request(SNMP_PDU_GET, 7, std::string(GROUP) + ".1.0")));
     expect_rreq(GROUP, 2);
     vx_stream b = subagent(OTHER);
     expect_rreq(OTHER, 2);
@@ -257,6 +259,8 @@ TEST_F(DaemonWithFakes, SmuxSessionWithAScriptedAgent) {
 
     // A new session gets every distinct subtree in table order. The agent's answers match
     // them oldest first; the one it refuses ends the session and is not offered again.
+    vx_bytes get = request(SNMP_PDU_GET, 8, PORT_INSTANCE);
+    ASSERT_TRUE(vx_send_all(agent_.fd, vx_bytes(get.begin(), get.begin() + 5)));  // half a PDU
     close(agent_.fd);
     agent_.fd = -1;
     accept_open();
@@ -281,7 +285,11 @@ TEST_F(DaemonWithFakes, SmuxSessionWithAScriptedAgent) {
     expect_silence(300);
     close(b.fd);
     expect_rreq(OTHER, 0);
-    EXPECT_EQ(vx_count_in_file(daemon_.log_path, "Lost connection"), 2);  // the two hang-ups
+    smux_pdu bye{};
+    bye.type = SMUX_PDU_CLOSE;
+    ASSERT_TRUE(vx_send_all(agent_.fd, encode(&bye)));
+    accept_open();
+    EXPECT_EQ(vx_count_in_file(daemon_.log_path, "Lost connection"), 3);  // the hang-ups
 }
 
 // Framing of subagent packets: the largest legal one is taken, one byte more drops the
@@ -290,6 +298,16 @@ TEST_F(DaemonWithFakes, SmuxSessionWithAScriptedAgent) {
 // its last byte.
 TEST_F(DaemonWithFakes, DpiFramingAndDroppedSubagents) {
     vx_stream other = subagent("");
+    // Session packets are answered; a subagent that goes takes its subtree along.
+    vx_stream sa = subagent(GROUP);
+    expect_rreq(GROUP, 2);
+    for (const unsigned char* p : {mkDPIayt(), mkDPIclose(1), mkDPIayt()}) {
+        ASSERT_TRUE(vx_send_all(sa.fd, vx_bytes(p, p + DPI_PACKET_LEN(p))));
+        vx_dpi_msg m;
+        EXPECT_TRUE(vx_dpi_next(&sa, &m, 3000) && m.type == SNMP_DPI_RESPONSE);
+    }
+    close(sa.fd);
+    expect_rreq(GROUP, 0);
     auto get_of_length = [](size_t length) {
         vx_bytes body{0, 0};
         std::string group = std::string(GROUP) + ".";
@@ -328,6 +346,17 @@ TEST_F(DaemonWithFakes, DpiFramingAndDroppedSubagents) {
     EXPECT_TRUE(vx_wait_closed(slow.fd, 6000));
     expect_rreq(GROUP, 0);
     expect_served(&other, probe);
+
+    // Five subagents at a time: a sixth is closed at once.
+    std::vector<vx_stream> more;
+    for (int i = 0; i < 4; i++) {
+        more.push_back(subagent(""));
+    }
+    vx_stream sixth;
+    sixth.fd = vx_tcp_connect(dpi_port_);
+    EXPECT_TRUE(vx_wait_closed(sixth.fd, 3000));
+    close(sixth.fd);
+    expect_served(&more.back(), 1);
 }
 
 }  // namespace

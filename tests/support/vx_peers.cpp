@@ -4,20 +4,20 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
 #include "snmp_dpi.h"
 
 static long peers_now_ms(void) {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+    using namespace std::chrono;
+    return static_cast<long>(
+        duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
 vx_bytes vx_hex(const char* text) {
@@ -34,10 +34,9 @@ vx_bytes vx_hex(const char* text) {
 
 std::string vx_to_hex(const vx_bytes& bytes) {
     std::string s;
-    char two[4];
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        snprintf(two, sizeof two, i > 0 ? " %02x" : "%02x", bytes[i]);
-        s += two;
+    for (uint8_t b : bytes) {
+        s += (s.empty() ? "" : " ") + std::string(1, "0123456789abcdef"[b >> 4]) +
+             "0123456789abcdef"[b & 15];
     }
     return s;
 }

@@ -1,7 +1,6 @@
 #pragma once
-// Peers played by tests: TCP plumbing, a byte stream that hands out whole frames, and a DPI
-// 2.0 subagent (framed packets out, the daemon's packets parsed back). Every read has a time
-// limit; false or empty means time-out, end of stream or malformed bytes.
+// Peers played by tests: TCP on 127.0.0.1, a stream that hands out whole frames, and a DPI
+// subagent. Reads have time limits; false means time-out, end of stream or bad bytes.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -27,8 +26,7 @@ struct vx_stream {
     vx_bytes pending;
     bool closed = false;  // the peer ended the stream (or it failed)
 };
-// Takes the first `whole(pending)` bytes once they are there; `whole` gives 0 while it
-// cannot tell yet.
+// Takes the first `whole(pending)` bytes once they are there (`whole` gives 0: not known yet).
 [[nodiscard]] bool vx_stream_take(vx_stream* s, vx_bytes* out, int timeout_ms,
                                   size_t (*whole)(const vx_bytes&));
 
@@ -44,7 +42,7 @@ vx_bytes vx_dpi_response(uint16_t packet_id, uint8_t error_code, const std::stri
                          const std::string& instance = "", uint8_t value_type = 0,
                          const vx_bytes& value = {});
 
-// One packet the daemon sent, as far as tests look into it.
+// One packet the daemon sent, parsed by the DPI library (values in its memory form).
 struct vx_dpi_msg {
     uint16_t packet_id = 0;
     uint8_t type = 0;

@@ -84,10 +84,7 @@ void remove_test_dir(void) {
 }
 
 bool say(std::string* why_not, const std::string& text) {
-    if (why_not != nullptr) {
-        *why_not = text;
-    }
-    return false;
+    return why_not != nullptr && (*why_not = text, false);
 }
 
 bool fail(std::string* why_not, const char* what) {
@@ -101,9 +98,7 @@ bool loopback_up(void) {
     bool ok = s >= 0 && ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
     ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP | IFF_RUNNING);
     ok = ok && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-    if (s >= 0) {
-        close(s);
-    }
+    close(s);
     return ok;
 }
 
@@ -111,19 +106,15 @@ bool loopback_up(void) {
 // the given state (TCP 0A listening, UDP 07 bound). Reads /proc rather than connecting:
 // snmpd blocks on a SMUX connection that sends no OpenPDU.
 bool proc_net_has(const char* table, int port, unsigned state) {
-    FILE* f = fopen(table, "r");
-    char line[512];
-    bool found = false;
-    while (f != nullptr && !found && fgets(line, sizeof line, f) != nullptr) {
+    std::istringstream in(vx_read_file(table));
+    for (std::string line; std::getline(in, line);) {
         unsigned addr = 0, p = 0, st = 0;
-        found = sscanf(line, " %*u: %8X:%4X %*s %2X", &addr, &p, &st) == 3 &&
-                (addr == 0x0100007F || addr == 0) && p == static_cast<unsigned>(port) &&
-                st == state;
+        if (sscanf(line.c_str(), " %*u: %8X:%4X %*s %2X", &addr, &p, &st) == 3 &&
+            (addr == 0x0100007F || addr == 0) && p == static_cast<unsigned>(port) && st == state) {
+            return true;
+        }
     }
-    if (f != nullptr) {
-        fclose(f);
-    }
-    return found;
+    return false;
 }
 
 // Starts a program of the agent's package and waits until it has bound its ports.
@@ -140,10 +131,8 @@ bool launch_ready(vx_process* proc, const std::vector<std::string>& argv, const 
 }
 
 bool snmpd_launch(vx_snmpd* agent, std::string* why_not) {
-    std::vector<std::string> argv = {"snmpd", "-f",
-                                     "-Lo",   "-C",
-                                     "-c",    agent->dir + "/snmpd.conf",
-                                     "-p",    agent->dir + "/snmpd.pid"};
+    std::vector<std::string> argv = {"snmpd", "-f", "-Lo", "-C", "-c", agent->dir + "/snmpd.conf"};
+    argv.insert(argv.end(), {"-p", agent->dir + "/snmpd.pid"});
     argv.insert(argv.end(), agent->extra_args.begin(), agent->extra_args.end());
     const std::string socket_path = agent->agentx_socket;
     return launch_ready(

@@ -1,12 +1,7 @@
 #pragma once
-// Helpers for tests that run the daemon, the master agent (snmpd) or both.
-//
-// Each such test runs in private network and mount namespaces of its own, so that the SMUX
-// port 127.0.0.1:199, the SNMP port 161 and "/etc/snmpd.peers" are that test's alone and
-// suites run in parallel. CTest runs each TEST in its own process, so a test calls
-// vx_enter_private_namespace() first and skips with the reason it gives when that fails.
-// Processes started here are killed when the test process exits (or enters a namespace
-// again); VX_KEEP_TEST_DIR=1 keeps the per-test directory with its logs.
+// Helpers for tests that run the daemon, snmpd or both, each TEST in its own process and in
+// private namespaces of its own (ports 199, 161 and /etc/snmpd.peers are its alone). Children
+// are killed when the process exits; VX_KEEP_TEST_DIR=1 keeps the per-test directory.
 #include <sys/types.h>
 
 #include <functional>
@@ -21,10 +16,9 @@ inline constexpr int VX_SMUX_PORT = 199;
 inline constexpr int VX_SNMP_PORT = 161;
 inline constexpr int VX_TRAP_PORT = 162;
 
-// New network and mount namespaces with loopback up, a per-test directory, a peers file
-// holding `peers_file_text` (null: empty) bind-mounted over /etc/snmpd.peers, and an
-// environment in which snmpd and the net-snmp tools read no system configuration. False with
-// the reason (not root, the kernel refused) otherwise.
+// New namespaces with loopback up, a per-test directory, `peers_file_text` (null: empty)
+// bind-mounted over /etc/snmpd.peers, no system configuration for the net-snmp programs.
+// False with the reason (not root, the kernel refused) otherwise: the test then skips.
 [[nodiscard]] bool vx_enter_private_namespace(const char* peers_file_text, std::string* why_not);
 const std::string& vx_test_dir(void);  // "" before entering a namespace
 
@@ -43,8 +37,8 @@ struct vx_process {
 [[nodiscard]] bool vx_wait_exit(vx_process* proc, int timeout_ms);
 int vx_stop(vx_process* proc);  // SIGTERM, 3 s, SIGKILL; the wait status, -1 for none
 bool vx_signal(vx_process* proc, int sig);
-// Runs a command to completion (killed after `timeout_ms`): its exit status, -1 when it could
-// not run or was killed; both outputs in `output`.
+// Runs a command to completion: its exit status (-1: could not run or killed after
+// `timeout_ms`), both outputs in `output`.
 int vx_run(const std::vector<std::string>& argv, std::string* output, int timeout_ms = 10000);
 
 // Polls `cond` every 20 ms until it holds or the time is up; its last value.
@@ -65,18 +59,15 @@ struct vx_snmpd {
     std::string agentx_socket;
 };
 
-// snmpd in the foreground: UDP 127.0.0.1:161, SMUX on 127.0.0.1:199 for the test identity,
-// communities "public" (read) and "private" (write), traps to 127.0.0.1:162, logging to
-// <dir>/snmpd.log. Returns once its ports are bound (10 s at most).
+// snmpd: UDP 127.0.0.1:161, SMUX 127.0.0.1:199 for the test identity, "public" reads and
+// "private" writes, traps to 127.0.0.1:162, log <dir>/snmpd.log; returns once it listens.
 [[nodiscard]] bool vx_start_snmpd(vx_snmpd* agent, const std::vector<std::string>& extra_args,
                                   std::string* why_not);
 [[nodiscard]] bool vx_restart_snmpd(vx_snmpd* agent, std::string* why_not);
 void vx_stop_snmpd(vx_snmpd* agent);
-// snmptrapd on udp:127.0.0.1:162 (numeric OIDs, no authorisation), logging to
-// <test dir>/snmptrapd.log; returns once the port is bound.
+// snmptrapd on udp:127.0.0.1:162 (numeric OIDs), log <test dir>/snmptrapd.log.
 [[nodiscard]] bool vx_start_snmptrapd(vx_process* proc, std::string* why_not);
 
-// The built daemon with `args`, logging to <test dir>/varnex2.log; `argv0` defaults to its
-// path, whose last part "varnex2" is the identity name in VX_TEST_PEERS_TEXT.
+// The built daemon, log <test dir>/varnex2.log; `argv0` (null: its path) names its identity.
 [[nodiscard]] bool vx_start_varnex2(vx_process* proc, const std::vector<std::string>& args,
                                     const char* argv0, std::string* why_not);
