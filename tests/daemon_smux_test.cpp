@@ -1,372 +1,362 @@
-// The daemon's SMUX session, against a master agent played by the test on 127.0.0.1:199 in a
-// private namespace: the open and its identity, registrations and their replay, the PDUs
-// that end a session, and requests that arrive in pieces or several to a read.
+// The daemon against a master agent and subagents played by the test, for what the real
+// snmpd cannot be made to do on cue: take an RReq for an answer, refuse a subtree, send a PDU
+// that fills the daemon's input buffer; and subagents that send packets a byte at a time or
+// too long. The agent's PDUs are written and read with the library's SMUX codec.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <chrono>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "daemon_peers.h"
+#include "smux_ed.h"
+#include "snmp_container.h"
+#include "snmp_dpi.h"
+#include "vx_peers.h"
+#include "vx_testsupport.h"
 
 namespace {
 
-// One packet dump as the daemon writes it: 16 bytes a line, each followed by a blank or,
-// the 16th, by a line end; then an empty line.
-std::string dump_of(const bytes& b, const char* label, int count) {
-    std::string out = "# Dump of " + std::to_string(b.size()) + " byte " + label +
-                      " packet, count " + std::to_string(count) + "\n";
-    char two[3];
-    for (size_t i = 0; i < b.size(); i++) {
-        snprintf(two, sizeof two, "%02x", b[i]);
-        out += two;
-        out += i % 16 == 15 ? "\n" : " ";
-    }
-    return out + "\n";
+constexpr const char* PORT_OBJECT = "1.3.6.1.4.1.2.2.1.1.1";
+constexpr const char* PORT_INSTANCE = "1.3.6.1.4.1.2.2.1.1.1.0";
+constexpr const char* GROUP = "1.3.6.1.4.1.2.6.1";
+constexpr const char* OTHER = "1.3.6.1.2.1.99";
+
+// What the tests look at in a PDU from the daemon.
+struct pdu {
+    uint8_t type = 0;
+    std::string oid;  // Open identity, RReq subtree
+    std::string password;
+    int32_t operation = -1, request_id = 0, status = 0;
+    std::vector<std::string> names;
+    int32_t first_int = -1;  // first varBind's INTEGER value
+};
+
+std::string oid_text(const snmp_container* c) {
+    char* t = snmp_oid_to_string(c);
+    std::string s = t != nullptr ? t : "?";
+    free(t);
+    return s;
 }
 
-}  // namespace
-
-// The OpenPDU carries the identity and password of the first peers line that names the
-// daemon; the registration of the DPI port object follows at once. The password is not kept.
-TEST(DaemonSmux, OpenTakesIdentityFromPeersFile) {
-    ENTER_NAMESPACE_OR_SKIP(nullptr);
-    const std::string long_pw(255, 'p');
-    const std::string long_line(8191, 'x');
-    struct row {
-        const char* name;
-        std::string peers;
-        const char* oid;
-        std::string password;
-        int line;
-    } rows[] = {
-        {"comments and quotes, match on line 3",
-         "# SMUX peers\nother 1.3.6.1.4.1.1 nope\n"
-         "\"varnex2\" \"1.3.6.1.4.1.99999.1\" \"secret\" # the daemon\nvarnex2 1.3.6.1.4.1.5 x\n",
-         "1.3.6.1.4.1.99999.1", "secret", 3},
-        {"name and identity only: empty password", "varnex2 1.3.6.1.4.1.99999.1\n",
-         "1.3.6.1.4.1.99999.1", "", 1},
-        {"tabs and ignored fields", "varnex2\t1.3.6.1.4.1.4242.7\tpw\t7 more fields\n",
-         "1.3.6.1.4.1.4242.7", "pw", 1},
-        {"names compare case-sensitively",
-         "VARNEX2 1.3.6.1.4.1.1 x\nvarnex2 1.3.6.1.4.1.99999.1 secret\n", "1.3.6.1.4.1.99999.1",
-         "secret", 2},
-        {"password of 255 characters", "varnex2 1.3.6.1.4.1.99999.1 " + long_pw + "\n",
-         "1.3.6.1.4.1.99999.1", long_pw, 1},
-        {"an over-long line goes on as the next line", long_line + "varnex2 1.3.6.1.4.1.77 cut\n",
-         "1.3.6.1.4.1.77", "cut", 2},
-    };
-    daemon_session s;
-    for (const row& r : rows) {
-        SCOPED_TRACE(r.name);
-        vx_stop(&s.daemon);
-        agent_hang_up(&s);
-        ASSERT_TRUE(vx_write_peers_file(r.peers.c_str()));
-        ASSERT_TRUE(vx_write_file(vx_test_dir() + "/varnex2.log", ""));
-        ASSERT_TRUE(start_session(&s, {"-d", "160"}, true, r.oid, r.password.c_str()));
-        std::string trace = "Using line " + std::to_string(r.line) + ": varnex2 " + r.oid + "\n";
-        EXPECT_NE(daemon_log(&s).find(trace), std::string::npos) << daemon_log(&s);
+size_t ber_whole(const vx_bytes& b) {
+    if (b.size() < 2 || (b[1] > 0x80 && b.size() < 2u + (b[1] & 0x7f))) {
+        return 0;
     }
-    // The password is wiped after every open: when the file no longer names the daemon, the
-    // next open sends the identity it knows with an empty password.
-    ASSERT_TRUE(vx_write_peers_file("# emptied\n"));
-    agent_hang_up(&s);
-    ASSERT_TRUE(accept_reopen(&s, "1.3.6.1.4.1.77", ""));
+    size_t head = 2, len = b[1];
+    if (b[1] > 0x80) {
+        head += b[1] & 0x7f;
+        len = 0;
+        for (size_t i = 2; i < head; i++) {
+            len = len << 8 | b[i];
+        }
+    }
+    return head + len;
 }
 
-// An open that cannot be made closes the new connection without a byte, and the next
-// attempt, at most 5 seconds later, reads the peers file anew.
-TEST(DaemonSmux, FailedOpenClosesAndRetries) {
-    ENTER_NAMESPACE_OR_SKIP(nullptr);
-    struct row {
-        const char* name;
-        std::string peers;
-        const char* message;
-    } rows[] = {
-        {"no line for the name", "other 1.3.6.1.4.1.1 x\n", "Cannot create identity\n"},
-        {"identity is not an OID", "varnex2 1.3.6..1 x\n", "Cannot create identity\n"},
-        {"password of 256 characters",
-         "varnex2 1.3.6.1.4.1.99999.1 " + std::string(256, 'p') + "\n", "is too long"},
-    };
-    daemon_session s;
-    ASSERT_TRUE(agent_listen(&s));
-    for (const row& r : rows) {
-        SCOPED_TRACE(r.name);
-        ASSERT_TRUE(vx_write_peers_file(r.peers.c_str()));
-        ASSERT_TRUE(vx_write_file(vx_test_dir() + "/varnex2.log", ""));
-        vx_stop(&s.daemon);
+vx_bytes encode(smux_pdu* record) {
+    uint8_t* start = nullptr;
+    uint32_t length = 0;
+    return smux_encode_message(&start, &length, record) == 0 ? vx_bytes(start, start + length)
+                                                             : vx_bytes{};
+}
+
+vx_bytes rrsp(int32_t code) {
+    smux_pdu r{};
+    r.type = SMUX_PDU_RRSP;
+    r.code = code;
+    return encode(&r);
+}
+
+vx_bytes request(uint8_t type, int32_t id, const std::string& name) {
+    snmp_pdu* p = snmp_create_pdu(1);
+    p->request_id = id;
+    p->varBind_count = 1;
+    p->varBinds[0].name = snmp_create_oid_container(name.c_str());
+    p->varBinds[0].value = snmp_create_value_container(nullptr, 0, SNMP_TAG_NULL, 0);
+    smux_pdu r{};
+    r.type = type;
+    r.snmp = p;
+    vx_bytes b = encode(&r);
+    snmp_free_pdu(p, 1);
+    return b;
+}
+
+class DaemonWithFakes : public ::testing::Test {
+   protected:
+    void SetUp() override {
         std::string why;
-        ASSERT_TRUE(vx_start_varnex2(&s.daemon, {"-d", "32"}, nullptr, &why)) << why;
-        ASSERT_TRUE(agent_accept(&s, 3000)) << daemon_log(&s);
-        expect_hang_up(&s);
-        ASSERT_TRUE(vx_wait_for_text(s.daemon.log_path, "Error on SMUXopen\n", 3000));
-        EXPECT_NE(daemon_log(&s).find(r.message), std::string::npos) << daemon_log(&s);
-    }
-    ASSERT_TRUE(vx_write_peers_file(VX_TEST_PEERS_TEXT));
-    ASSERT_TRUE(attach_session(&s, 7500, true));
-    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "connected to agent"), 1);
-}
-
-// ClosePDU, a refused registration, the end of the stream and bytes that do not decode each
-// end the session; the daemon comes back with a new open and registers anew.
-TEST(DaemonSmux, SessionEndsAndComesBack) {
-    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
-    struct row {
-        const char* name;
-        const char* send;
-        size_t zeros;  // sent after `send`
-        bool hang_up;  // the agent ends the stream after sending
-        const char* message;
-    } rows[] = {
-        {"ClosePDU", "41 01 00", 0, false, "SMUX CLOSE received\n"},
-        {"RRsp -1", "43 01 ff", 0, false, "Registration failed\n"},
-        {"RRsp -1 in four octets", "43 04 ff ff ff ff", 0, false, "Registration failed\n"},
-        {"agent hangs up", "", 0, true, "EOF received on SMUX fd: "},
-        {"stream ends inside a PDU", "a0 0c 02 01", 0, true, "rc=-12 from smux_decode_message()\n"},
-        {"unknown PDU", "45 01 00", 0, false, "rc=-21 from smux_decode_message()\n"},
-        {"PDU larger than the buffer", "a0 82 10 04", 4100, false,
-         "rc=-5 from smux_decode_message()\n"},
-    };
-    daemon_session s;
-    ASSERT_TRUE(start_session(&s, {}));
-    int lost = 0;
-    for (const row& r : rows) {
-        SCOPED_TRACE(r.name);
-        ASSERT_TRUE(agent_send(&s, cat({vx_hex(r.send), bytes(r.zeros, 0)})));
-        if (r.hang_up) {
-            agent_hang_up(&s);
-        } else {
-            expect_hang_up(&s);
+        if (!vx_enter_private_namespace(VX_TEST_PEERS_TEXT, &why)) {
+            GTEST_SKIP() << why;
         }
-        ASSERT_TRUE(
-            vx_wait_for_text(s.daemon.log_path, "Lost connection to agent\n", 3000, ++lost));
-        EXPECT_NE(daemon_log(&s).find(r.message), std::string::npos) << daemon_log(&s);
-        ASSERT_TRUE(accept_reopen(&s));
-        // Every session starts with nothing registered, so the port object goes out again.
-        expect_next(&s, smux_rreq(DPI_PORT_OBJECT, 2));
-        ASSERT_TRUE(agent_send(&s, vx_hex("43 01 00")));
+        listen_ = vx_tcp_listen(VX_SMUX_PORT);
+        ASSERT_GE(listen_, 0);
+        // Every trace level: the packet dumps run too.
+        ASSERT_TRUE(vx_start_varnex2(&daemon_, {"-d", "255"}, nullptr, &why)) << why;
+        accept_open();
+        expect_rreq(PORT_OBJECT, 2);
+        ASSERT_TRUE(vx_wait_for_text(daemon_.log_path, "DPI  fd: ", 5000));
+        std::string log = vx_read_file(daemon_.log_path);
+        dpi_port_ = atoi(log.c_str() + log.find(" port: ", log.find("DPI  fd: ")) + 7);
+        ASSERT_GT(dpi_port_, 0);
     }
-}
 
-// The agent's bytes form a stream: PDUs are taken from it whole however the reads cut it.
-// The port object answers Gets and GetNexts that reach it and refuses a Set.
-TEST(DaemonSmux, RequestsAcrossReadBoundaries) {
-    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
-    daemon_session s;
-    ASSERT_TRUE(start_session(&s, {}));
-    const bytes port = vx_ber_int(0x02, s.dpi_port);
-    const char* const sys_descr = "1.3.6.1.2.1.1.1.0";
-    auto get = [](int id) { return snmp_pdu_bytes(0xa0, id, 0, 0, {{DPI_PORT_INSTANCE, {}}}); };
-    auto answer = [&](int id) {
-        return snmp_pdu_bytes(0xa2, id, 0, 0, {{DPI_PORT_INSTANCE, port}});
-    };
-    auto part = [](const bytes& b, size_t from, size_t to) {
-        return bytes(b.begin() + from, b.begin() + std::min(to, b.size()));
-    };
-    const bytes get3 = get(3), get4 = get(4), get7 = get(7);
-    struct row {
-        const char* name;
-        std::vector<bytes> writes;  // each written on its own, 100 ms apart
-        std::vector<bytes> answers;
-    } rows[] = {
-        {"one Get", {get(1)}, {answer(1)}},
-        {"SOut and Get in one write", {cat({vx_hex("44 01 00"), get(2)})}, {answer(2)}},
-        {"Get split after five bytes", {part(get3, 0, 5), part(get3, 5, 99)}, {answer(3)}},
-        {"Get split after its tag", {part(get4, 0, 1), part(get4, 1, 99)}, {answer(4)}},
-        {"two Gets in one write", {cat({get(5), get(6)})}, {answer(5), answer(6)}},
-        {"a Get and the start of the next",
-         {cat({get(8), part(get7, 0, 9)}), part(get7, 9, 99)},
-         {answer(8), answer(7)}},
-        {"long-form lengths", {vx_smux_request(0xa0, 11, {DPI_PORT_INSTANCE})}, {answer(11)}},
-        {"RRsp and SOut before a Get", {cat({vx_hex("43 01 03 44 01 01"), get(12)})}, {answer(12)}},
-        {"PDUs the agent should not send are passed over",
-         {cat({smux_open("1.3.6.1.4.1.1", "x", ""), smux_rreq("1.3.6.1.4.1.1", 2),
-               snmp_pdu_bytes(0xa2, 1, 0, 0, {}), smux_trap("1.3.6.1.4.1.1", 6, 1), get(13)})},
-         {answer(13)}},
-        {"GetNext before the port object",
-         {snmp_pdu_bytes(0xa1, 14, 0, 0, {{"1.3.6.1", {}}})},
-         {answer(14)}},
-        {"GetNext from the port object",
-         {snmp_pdu_bytes(0xa1, 15, 0, 0, {{DPI_PORT_INSTANCE, {}}})},
-         {snmp_pdu_bytes(0xa2, 15, 2, 1, {{DPI_PORT_INSTANCE, {}}})}},
-        {"Get of the object, not its instance",
-         {snmp_pdu_bytes(0xa0, 16, 0, 0, {{DPI_PORT_OBJECT, {}}})},
-         {snmp_pdu_bytes(0xa2, 16, 2, 1, {{DPI_PORT_OBJECT, {}}})}},
-        {"Set of the port object is refused at binding 1",
-         {snmp_pdu_bytes(0xa3, 17, 0, 0, {{DPI_PORT_INSTANCE, vx_ber_int(0x02, 5)}})},
-         {snmp_pdu_bytes(0xa2, 17, 2, 1, {{DPI_PORT_INSTANCE, vx_ber_int(0x02, 5)}})}},
-        {"the second of three bindings fails: later ones are left as they came",
-         {snmp_pdu_bytes(0xa0, 18, 0, 0,
-                         {{DPI_PORT_INSTANCE, {}}, {sys_descr, {}}, {DPI_PORT_INSTANCE, {}}})},
-         {snmp_pdu_bytes(0xa2, 18, 2, 2,
-                         {{DPI_PORT_INSTANCE, port}, {sys_descr, {}}, {DPI_PORT_INSTANCE, {}}})}},
-    };
-    for (const row& r : rows) {
-        SCOPED_TRACE(r.name);
-        for (size_t i = 0; i < r.writes.size(); i++) {
-            if (i > 0) {
-                usleep(100 * 1000);
+    void TearDown() override {
+        vx_stop(&daemon_);
+        std::string log = vx_read_file(daemon_.log_path);
+        EXPECT_EQ(log.find("Sanitizer"), std::string::npos);
+        EXPECT_EQ(log.find("runtime error:"), std::string::npos);
+        if (HasFailure()) {
+            printf("---- daemon ----\n%s\n", log.c_str());
+        }
+    }
+
+    // The daemon's next PDU other than a Trap; type 0 on time-out or end of stream.
+    pdu next(int timeout_ms = 5000) {
+        for (;;) {
+            vx_bytes b;
+            pdu out;
+            smux_pdu* r = nullptr;
+            if (!vx_stream_take(&agent_, &b, timeout_ms, ber_whole)) {
+                return out;
             }
-            ASSERT_TRUE(agent_send(&s, r.writes[i]));
-        }
-        for (const bytes& a : r.answers) {
-            expect_next(&s, a);
+            EXPECT_EQ(smux_decode_message(b.data(), static_cast<uint32_t>(b.size()), &r), 0);
+            if (r == nullptr || r->type == SNMP_PDU_TRAP) {
+                continue;
+            }
+            out.type = r->type;
+            out.operation = r->operation;
+            if (r->type == SMUX_PDU_OPEN || r->type == SMUX_PDU_RREQ) {
+                out.oid = oid_text(r->oid);
+                out.password.assign(r->password, r->password_len);
+            } else if (r->snmp != nullptr) {
+                out.request_id = r->snmp->request_id;
+                out.status = r->snmp->error_status;
+                for (uint32_t i = 0; i < r->snmp->varBind_count; i++) {
+                    out.names.push_back(oid_text(r->snmp->varBinds[i].name));
+                }
+                const snmp_container* v = r->snmp->varBinds[0].value;
+                if (r->snmp->varBind_count > 0 && v != nullptr && v->tag == SNMP_TAG_INTEGER) {
+                    out.first_int = v->value.s32;
+                }
+            }
+            return out;
         }
     }
-    expect_silence(&s, 300);
-    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "SMUX SOUT received\n"), 2);
-    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "Unexpected SMUX request\n"), 4);
-    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "Lost connection"), 0);
-}
 
-// Each registration the agent accepts is followed by a coldStart trap from the daemon's
-// identity; a refusal is not.
-TEST(DaemonSmux, TrapAfterEachAcceptedRegistration) {
-    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
-    daemon_session s;
-    ASSERT_TRUE(start_session(&s, {}, false));
-    const std::string trap = vx_to_hex(smux_trap(VX_TEST_PEER_OID, 0, 0));
-    ASSERT_TRUE(agent_send(&s, vx_hex("43 01 00 43 04 00 00 00 01 43 01 02")));
-    for (int i = 0; i < 3; i++) {
-        bytes got;
-        ASSERT_EQ(agent_read(&s, &got, 3000), PEER_OK);
-        EXPECT_EQ(vx_to_hex(got), trap);
-    }
-    ASSERT_TRUE(agent_send(&s, vx_hex("43 01 ff")));
-    bytes got;
-    EXPECT_EQ(agent_read(&s, &got, 3000), PEER_EOF) << vx_to_hex(got);
-}
-
-// The agent forgets a closed session's registrations: the next session announces every
-// distinct subtree again, in table order, each once, and the subagents do not notice. A
-// subtree the agent refused, which ends the session, is not offered again while it is held,
-// so it cannot make the daemon reconnect forever. A subtree held twice is withdrawn when its
-// last holder leaves, and one the agent does not hold is never withdrawn.
-TEST(DaemonSmux, SubtreesReplayedAfterReopen) {
-    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
-    daemon_session s;
-    ASSERT_TRUE(start_session(&s, {}));
-    vx_stream a = subagent(&s), b = subagent(&s), c = subagent(&s);
-    register_subagent(&s, &a, "1.3.6.1.4.1.2.6.1.", 1);
-    register_subagent(&s, &b, "1.3.6.1.2.1.99.", 2);
-    register_subagent(&s, &c, "1.3.6.1.4.1.2.6.1.", 3, false);
-    expect_silence(&s, 300);
-    auto expect_replay = [&](std::vector<const char*> subtrees) {
-        for (const char* subtree : subtrees) {
-            expect_next(&s, smux_rreq(subtree, 2));
+    void accept_open() {
+        if (agent_.fd >= 0) {
+            close(agent_.fd);
         }
-        expect_silence(&s, 300);
-    };
+        // A connection to the DPI port wakes the daemon to try the agent again at once.
+        int poke = dpi_port_ > 0 ? vx_tcp_connect(dpi_port_) : -1;
+        agent_ = vx_stream{};
+        agent_.fd = vx_tcp_accept(listen_, 7500);
+        ASSERT_GE(agent_.fd, 0) << "the daemon did not connect";
+        if (poke >= 0) {
+            close(poke);
+        }
+        pdu open = next();
+        EXPECT_EQ(open.type, SMUX_PDU_OPEN);
+        EXPECT_EQ(open.oid, VX_TEST_PEER_OID);
+        EXPECT_EQ(open.password, VX_TEST_PEER_PASSWORD);
+    }
 
-    agent_hang_up(&s);
-    ASSERT_TRUE(accept_reopen(&s));
-    expect_replay({"1.3.6.1.2.1.99", DPI_PORT_OBJECT, "1.3.6.1.4.1.2.6.1"});
-    agent_hang_up(&s);
-    ASSERT_TRUE(accept_reopen(&s));
-    s.auto_rrsp = false;
-    expect_replay({"1.3.6.1.2.1.99", DPI_PORT_OBJECT, "1.3.6.1.4.1.2.6.1"});
-    ASSERT_TRUE(agent_send(&s, vx_hex("43 01 00 43 01 00 43 01 ff")));
-    expect_hang_up(&s);
-    s.auto_rrsp = true;
-    ASSERT_TRUE(accept_reopen(&s));
-    expect_replay({"1.3.6.1.2.1.99", DPI_PORT_OBJECT});
+    void expect_rreq(const std::string& subtree, int operation, int32_t answer = 0,
+                     bool answered = true) {
+        pdu r = next();
+        EXPECT_EQ(r.type, SMUX_PDU_RREQ);
+        EXPECT_EQ(r.oid, subtree);
+        EXPECT_EQ(r.operation, operation);
+        if (answered) {
+            ASSERT_TRUE(vx_send_all(agent_.fd, rrsp(answer)));
+        }
+    }
+
+    void expect_response(int32_t id, int32_t status, const std::string& name, int32_t value = -1) {
+        pdu r = next();
+        EXPECT_EQ(r.type, SNMP_PDU_RESPONSE);
+        EXPECT_EQ(r.request_id, id);
+        EXPECT_EQ(r.status, status);
+        EXPECT_EQ(r.names, std::vector<std::string>{name});
+        EXPECT_EQ(r.first_int, value);
+    }
+
+    void expect_silence(int ms) {
+        pdu r = next(ms);
+        EXPECT_EQ(r.type, 0) << "unexpected PDU " << int(r.type) << " " << r.oid;
+        EXPECT_FALSE(agent_.closed);
+    }
+
+    vx_stream subagent(const std::string& group) {
+        vx_stream sa = vx_dpi_connect_open(dpi_port_, "1.3.6.1.4.1.2.6");
+        EXPECT_GE(sa.fd, 0);
+        if (!group.empty()) {
+            EXPECT_EQ(vx_dpi_register_group(&sa, group + ".", 1), 0);
+        }
+        return sa;
+    }
+
+    static void expect_served(vx_stream* sa, uint16_t id) {
+        ASSERT_TRUE(vx_send_all(sa->fd, vx_dpi_packet(id, 15, {})));  // ARE_YOU_THERE
+        vx_dpi_msg m;
+        ASSERT_TRUE(vx_dpi_next(sa, &m, 3000)) << "not served";
+        EXPECT_EQ(m.type, 5);
+        EXPECT_EQ(m.packet_id, id);
+    }
+
+    int listen_ = -1;
+    int dpi_port_ = 0;
+    vx_stream agent_;
+    vx_process daemon_;
+};
+
+// The daemon's own object, requests framed however the reads cut them, up to a PDU that
+// fills the input buffer; RReqs the agent took as answers, refused subtrees, and the replay
+// of what the agent held when a session comes back.
+TEST_F(DaemonWithFakes, SmuxSessionWithAScriptedAgent) {
+    ASSERT_TRUE(vx_send_all(agent_.fd, request(SNMP_PDU_GET, 1, PORT_INSTANCE)));
+    expect_response(1, 0, PORT_INSTANCE, dpi_port_);
+    ASSERT_TRUE(vx_send_all(agent_.fd, request(SNMP_PDU_GETNEXT, 2, "1.3.6.1")));
+    expect_response(2, 0, PORT_INSTANCE, dpi_port_);
+    ASSERT_TRUE(vx_send_all(agent_.fd, request(SNMP_PDU_GETNEXT, 3, PORT_INSTANCE)));
+    expect_response(3, 2, PORT_INSTANCE);
+
+    // A request of exactly 4096 bytes, after an SOut in the same write.
+    // The codec's encoder cannot make it (it keeps room in its output area): written by hand.
+    vx_bytes full;
+    for (size_t n = 4000; n < 4096 && full.size() != 4096; n++) {
+        vx_bytes vb = vx_ber_tlv(0x06, vx_hex("2b 06 01 04 01 02 02 01 01 01 00"));
+        vx_bytes value = vx_ber_tlv(0x04, vx_bytes(n, 'x'));
+        vb.insert(vb.end(), value.begin(), value.end());
+        vx_bytes body = vx_hex("02 01 05 02 01 00 02 01 00");
+        vx_bytes list = vx_ber_tlv(0x30, vx_ber_tlv(0x30, vb));
+        body.insert(body.end(), list.begin(), list.end());
+        full = vx_ber_tlv(SNMP_PDU_GET, body);
+    }
+    ASSERT_EQ(full.size(), 4096U);
+    full.insert(full.begin(), {0x44, 0x01, 0x00});
+    ASSERT_TRUE(vx_send_all(agent_.fd, full));
+    expect_response(5, 0, PORT_INSTANCE, dpi_port_);
+    // PDUs an agent does not send are passed over; a Set of the port object is refused.
+    for (uint8_t type : {SNMP_PDU_RESPONSE, SNMP_PDU_SET}) {
+        ASSERT_TRUE(vx_send_all(agent_.fd, request(type, 6, PORT_INSTANCE)));
+    }
+    expect_response(6, 2, PORT_INSTANCE);
+
+    // A request while an RReq is unanswered means the agent took the RReq for its answer:
+    // the request is not answered and the RReq goes again.
+    vx_stream a = subagent(GROUP);
+    expect_rreq(GROUP, 2, 0, false);
+    ASSERT_TRUE(vx_send_all(agent_.fd, request(SNMP_PDU_GET, 7, std::string(GROUP) + ".1.0")));
+    expect_rreq(GROUP, 2);
+    vx_stream b = subagent(OTHER);
+    expect_rreq(OTHER, 2);
+    vx_stream c = subagent(GROUP);  // shares a's subtree: nothing new for the agent
+    expect_silence(300);
+    EXPECT_EQ(vx_count_in_file(daemon_.log_path, "RReq taken by the agent as an answer"), 1);
+
+    // A new session gets every distinct subtree in table order. The agent's answers match
+    // them oldest first; the one it refuses ends the session and is not offered again.
+    vx_bytes get = request(SNMP_PDU_GET, 8, PORT_INSTANCE);
+    ASSERT_TRUE(vx_send_all(agent_.fd, vx_bytes(get.begin(), get.begin() + 5)));  // half a PDU
+    close(agent_.fd);
+    agent_.fd = -1;
+    accept_open();
+    expect_rreq(OTHER, 2, 0, false);
+    expect_rreq(PORT_OBJECT, 2, 0, false);
+    expect_rreq(GROUP, 2, 0, false);
+    ASSERT_TRUE(vx_send_all(agent_.fd, rrsp(0)));
+    ASSERT_TRUE(vx_send_all(agent_.fd, rrsp(0)));
+    ASSERT_TRUE(vx_send_all(agent_.fd, rrsp(-1)));
+    EXPECT_EQ(next().type, 0);
+    EXPECT_TRUE(agent_.closed);
+    accept_open();
+    expect_rreq(OTHER, 2);
+    expect_rreq(PORT_OBJECT, 2);
+    expect_silence(300);
     for (vx_stream* sa : {&a, &b, &c}) {
         expect_served(sa, 9);
     }
-
+    // A subtree held twice goes when its last holder leaves; one the agent refused never does.
     close(c.fd);
     close(a.fd);
-    expect_silence(&s, 300);
+    expect_silence(300);
     close(b.fd);
-    expect_next(&s, smux_rreq("1.3.6.1.2.1.99", 0));
+    expect_rreq(OTHER, 0);
+    smux_pdu bye{};
+    bye.type = SMUX_PDU_CLOSE;
+    ASSERT_TRUE(vx_send_all(agent_.fd, encode(&bye)));
+    accept_open();
+    EXPECT_EQ(vx_count_in_file(daemon_.log_path, "Lost connection"), 3);  // the hang-ups
 }
 
-// A request that arrives while an RReq is unanswered shows that the agent took the RReq as
-// its answer: the request goes unanswered (and reaches no subagent), and the RReq is sent
-// again. Adds and deletes alike, also when the Get that ate it starts a Set that the agent
-// then rolls back.
-TEST(DaemonSmux, RReqTakenAsAnAnswerIsSentAgain) {
-    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
-    daemon_session s;
-    ASSERT_TRUE(start_session(&s, {}));
-    s.auto_rrsp = false;
-    const std::string group = "1.3.6.1.4.1.2.6.1";
-    const bytes add = smux_rreq(group, 2), del = smux_rreq(group, 0);
-    const bytes get = snmp_pdu_bytes(0xa0, 1, 0, 0, {{group + ".1.0", {}}});
-    vx_stream sa = subagent(&s);
-    register_subagent(&s, &sa, group + ".", 1, false);
-
-    expect_next(&s, add);
-    ASSERT_TRUE(agent_send(&s, get));  // eats the add
-    expect_next(&s, add);
-    ASSERT_TRUE(agent_send(&s, vx_smux_rrsp(0)));
-    // Nothing is unanswered now: a Get is forwarded, once.
-    ASSERT_TRUE(agent_send(&s, get));
-    vx_dpi_msg q;
-    ASSERT_TRUE(vx_dpi_next(&sa, &q, 3000));
-    EXPECT_EQ(q.type, 1);
-    ASSERT_TRUE(vx_send_all(sa.fd, vx_dpi_response(q.packet_id, 0, q.group, "1.0", 129,
-                                                   vx_hex("00 00 00 07"))));
-    bytes answer;
-    ASSERT_EQ(agent_next(&s, &answer, 3000), PEER_OK);
-    EXPECT_EQ(answer[0], 0xa2);
-
-    // The subagent leaves; the delete is eaten by a Get, then by a Set's Get, whose rollback
-    // follows; only then is it answered. The subagent, gone, saw none of it.
+// Framing of subagent packets: the largest legal one is taken, one byte more drops the
+// subagent (its connection closed, its subtree withdrawn); a packet a byte at a time holds
+// nobody up and is answered when whole, but one that stops half-way is dropped 8 s after
+// its last byte.
+TEST_F(DaemonWithFakes, DpiFramingAndDroppedSubagents) {
+    vx_stream other = subagent("");
+    // Session packets are answered; a subagent that goes takes its subtree along.
+    vx_stream sa = subagent(GROUP);
+    expect_rreq(GROUP, 2);
+    for (const unsigned char* p : {mkDPIayt(), mkDPIclose(1), mkDPIayt()}) {
+        ASSERT_TRUE(vx_send_all(sa.fd, vx_bytes(p, p + DPI_PACKET_LEN(p))));
+        vx_dpi_msg m;
+        EXPECT_TRUE(vx_dpi_next(&sa, &m, 3000) && m.type == SNMP_DPI_RESPONSE);
+    }
     close(sa.fd);
-    expect_next(&s, del);
-    ASSERT_TRUE(agent_send(&s, get));
-    expect_next(&s, del);
-    ASSERT_TRUE(agent_send(&s, cat({get, vx_hex("44 01 01")})));
-    expect_next(&s, del);
-    ASSERT_TRUE(agent_send(&s, vx_smux_rrsp(0)));
-    expect_silence(&s, 300);
-    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "RReq taken by the agent as an answer"), 3);
-    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "Lost connection"), 0);
-}
-
-// At Internal-lvl3 every packet either way is dumped, numbered from 1, with the library
-// banner before the first dump only; results are traced even when they are 0.
-TEST(DaemonSmux, PacketDumpsAtLevelThree) {
-    ENTER_NAMESPACE_OR_SKIP(VX_TEST_PEERS_TEXT);
-    daemon_session s;
-    ASSERT_TRUE(start_session(&s, {"-d", "128"}, false));
-    const bytes rrsp = vx_hex("43 01 00");
-    ASSERT_TRUE(agent_send(&s, rrsp));
-    bytes trap;
-    ASSERT_EQ(agent_read(&s, &trap, 3000), PEER_OK);
-
-    vx_stream sa = subagent(&s);
-    const bytes ayt = vx_dpi_simple(0x0a0b, 15);
-    ASSERT_TRUE(vx_send_all(sa.fd, ayt));
-    bytes answer;
-    ASSERT_TRUE(vx_dpi_read(&sa, &answer, 3000));
-    close(sa.fd);
-
-    const std::string dumps[] = {
-        dump_of(smux_open(VX_TEST_PEER_OID, s.banner, VX_TEST_PEER_PASSWORD), "SMUXsend", 1),
-        dump_of(smux_rreq(DPI_PORT_OBJECT, 2), "SMUXsend", 2),
-        dump_of(rrsp, "Incoming SMUX packet", 3),
-        dump_of(trap, "SMUXsend", 4),
-        dump_of(ayt, "Incoming DPI packet", 5),
-        dump_of(answer, "Outgoing DPI packet", 6),
+    expect_rreq(GROUP, 0);
+    auto get_of_length = [](size_t length) {
+        vx_bytes body{0, 0};
+        std::string group = std::string(GROUP) + ".";
+        body.insert(body.end(), group.begin(), group.end() + 1);
+        std::string instance(length - 8 - body.size() - 1, '1');
+        body.insert(body.end(), instance.begin(), instance.end() + 1);
+        return vx_dpi_packet(7, 1, body);
     };
-    ASSERT_TRUE(vx_wait_for_text(s.daemon.log_path, "count 6\n", 3000));
-    std::string log = daemon_log(&s);
-    size_t at = 0;
-    for (const std::string& d : dumps) {
-        SCOPED_TRACE(d);
-        size_t found = log.find(d, at);
-        ASSERT_NE(found, std::string::npos);
-        at = found + d.size();
+    vx_stream big = subagent(GROUP);
+    expect_rreq(GROUP, 2);
+    ASSERT_EQ(get_of_length(4096).size(), 4096U);
+    ASSERT_TRUE(vx_send_all(big.fd, get_of_length(4096)));  // a GET: no answer
+    expect_served(&big, 1);
+    ASSERT_TRUE(vx_send_all(big.fd, get_of_length(4097)));
+    EXPECT_TRUE(vx_wait_closed(big.fd, 3000));
+    close(big.fd);
+    expect_rreq(GROUP, 0);
+    expect_served(&other, 2);
+
+    vx_stream slow = subagent(GROUP);
+    expect_rreq(GROUP, 2);
+    const vx_bytes ayt = vx_dpi_packet(77, 15, {});
+    uint16_t probe = 10;
+    for (uint8_t byte : ayt) {
+        ASSERT_TRUE(vx_send_all(slow.fd, {byte}));
+        const auto t0 = std::chrono::steady_clock::now();
+        expect_served(&other, probe++);
+        EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
+        usleep(1200 * 1000);  // eight bytes: ten seconds in all
     }
-    EXPECT_EQ(vx_count_in_file(s.daemon.log_path, "# Dump of "), 6);
-    size_t banner = log.find("# AGENTKIT, 2.0.00, Mar 16 1998, Compiled ");
-    EXPECT_LT(banner, log.find("# Dump of "));
-    EXPECT_EQ(log.find("# AGENTKIT", banner + 1), std::string::npos);
-    for (const char* line : {"rc=0 from SMUXopen()\n", "rc=0 from smux_encode_message()\n",
-                             "Using line 1: varnex2 1.3.6.1.4.1.99999.1\n"}) {
-        EXPECT_NE(log.find(line), std::string::npos) << line;
+    vx_dpi_msg m;
+    ASSERT_TRUE(vx_dpi_next(&slow, &m, 3000));
+    EXPECT_EQ(m.packet_id, 77);
+    ASSERT_TRUE(vx_send_all(slow.fd, vx_bytes(ayt.begin(), ayt.begin() + 4)));
+    EXPECT_FALSE(vx_wait_closed(slow.fd, 5000));
+    EXPECT_TRUE(vx_wait_closed(slow.fd, 6000));
+    expect_rreq(GROUP, 0);
+    expect_served(&other, probe);
+
+    // Five subagents at a time: a sixth is closed at once.
+    std::vector<vx_stream> more;
+    for (int i = 0; i < 4; i++) {
+        more.push_back(subagent(""));
     }
+    vx_stream sixth;
+    sixth.fd = vx_tcp_connect(dpi_port_);
+    EXPECT_TRUE(vx_wait_closed(sixth.fd, 3000));
+    close(sixth.fd);
+    expect_served(&more.back(), 1);
 }
+
+}  // namespace
