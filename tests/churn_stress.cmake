@@ -1,6 +1,5 @@
-# Subagents registering and leaving in a loop while managers walk a steady subagent's subtree
-# (the forwarding benchmark's) through snmpd and the daemon. The cases load both cores for
-# seconds: they run alone, labelled `stress`; bench/churn.sh runs them longer.
+# Subagents come and go while managers walk a steady one's subtree. The cases load both cores
+# for seconds: they run alone, labelled `stress`; bench/churn.sh runs them longer.
 include(${CMAKE_SOURCE_DIR}/bench/fwd_dpi_subagent.cmake)
 find_package(Threads REQUIRED)
 add_executable(churn_stress_test ${CMAKE_CURRENT_SOURCE_DIR}/churn_stress_test.cpp)
