@@ -1,24 +1,16 @@
-// Feeds arbitrary bytes to the DPI packet parser. Beyond not crashing, reading out of bounds
-// or leaking: a version-2 packet that parses and is written again must read back as a tree
-// that is written as the very same bytes (the writer puts down every field of the tree), and
-// any parsed packet can be answered. Version-1 trees are exercised only, since the writer
-// joins their group and instance texts its own way.
+// The DPI packet parser on any bytes: a version-2 packet parsed and written again reads back as
+// a tree written as the same bytes (version 1 texts are joined the writer's own way).
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "snmpmDPI.h"
 
-namespace {
-
-// An exact-size copy out of the writer's shared buffer, so that a parse of it is
-// bounds-checked; empty when the writer refuses.
-std::vector<unsigned char> written(const dpi_hdr* hdr) {
+// An exact-size copy out of the writer's shared buffer, so that its parse is bounds-checked.
+static std::vector<unsigned char> written(const dpi_hdr* hdr) {
     unsigned char* p = hdr != nullptr ? cDPIpacket(hdr) : nullptr;
     return p ? std::vector<unsigned char>(p, p + dpi_packet_len(p)) : std::vector<unsigned char>{};
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 

@@ -1,6 +1,5 @@
-// extract_DPI_port reads whatever datagram arrives on the query socket. The first input byte
-// picks the selector of the query the answer is matched against; the rest is the answer.
-// Whatever the bytes, the result is -1 or a port of at most three octets.
+// The port query's answer decoder on any datagram (after the first byte, which picks the
+// query's selector): the result is -1 or a port of at most three octets.
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
@@ -14,7 +13,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0 || !mkDPIqport_packet(1, data[0] % (DPI_SELECTOR_MAX + 1), "public", 6, &len)) {
         return 0;
     }
-    // An exact-size copy, so that a read past the answer's end is caught.
     std::vector<uint8_t> answer(data + 1, data + size);
     int port = extract_DPI_port(answer.data(), static_cast<int>(answer.size()));
     if (port < -1 || port > 0xFFFFFF) {

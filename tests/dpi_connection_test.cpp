@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <thread>
 
@@ -14,7 +13,6 @@
 namespace {
 
 using bytes = vx_bytes;
-using std::chrono::steady_clock;
 
 bytes cat(bytes a, const bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -43,8 +41,7 @@ long open_fds() {
     return std::distance(fds, std::filesystem::directory_iterator());
 }
 
-// The master agent's SNMP port: answers the n-th query with answers[n] (not at all when that
-// is kSilent), none after the last, and keeps the queries.
+// The master agent's SNMP port: keeps the queries, answers each from the script but kSilent.
 struct udp_agent {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     std::vector<bytes> answers, queries;
@@ -103,12 +100,11 @@ class DpiConnection : public ::testing::Test {
     }
 };
 
-TEST(DpiQuery, MessageAroundTheCommunityAndPortFromTheAnswer) {
+TEST_F(DpiConnection, PortQueryAnswersAndConnectOutcomes) {
     auto query = [](int kind, int selector, const std::string& community) {
         int n = -1;
         unsigned char* m = mkDPIqport_packet(kind, selector, community.data(),
                                              static_cast<int>(community.size()), &n);
-        EXPECT_EQ(n, m ? n : 0);
         return m ? vx_to_hex(bytes(m, m + n)) : "";
     };
     const std::string tail =
@@ -119,117 +115,83 @@ TEST(DpiQuery, MessageAroundTheCommunityAndPortFromTheAnswer) {
               "30 7f 02 01 00 04 5c " + vx_to_hex(bytes(92, 'c')) + tail + "2 00 05 00");
     EXPECT_EQ(query(1, 1, c92 + "c") + query(1, 4, "public") + query(2, 1, "public"), "");
     EXPECT_EQ(query(1, 1, "public"), vx_to_hex(kQuery));  // the one the answers must name
-    const struct {
-        bytes answer;
-        int port;
-    } answers[] = {
+    int dead = vx_tcp_listen(0), dead_port = vx_local_port(dead);
+    close(dead);
+    const int no = 1;  // not connected: the port is not ours to connect to
+    // The answer, and what qDPIport and DPIconnect_to_agent_TCP make of it.
+    const std::tuple<bytes, int, int> rows[] = {
         // clang-format off
-        {get_response("02 02 04 00"), 1024}, {get_response("02 01 50"), 80},
-        {get_response("02 01 80"), 128}, {get_response("02 03 01 00 00"), 65536},
-        {get_response("02 01 00"), 0}, {get_response("02 02 FF FF", 5), 65535},
-        {cat(kPortName, vx_hex("02 01 50")), 80},  // only the tail counts
-        {get_response("05 00", 2), -1}, {get_response("04 01 50"), -1}, {get_response("02 02 50"), -1},
-        {get_response("02 04 00 00 04 00"), -1}, {cat(get_response("02 02 04 00"), {0}), -1}, {{}, -1},
-        {get_response("02 02 04 00", 0, vx_hex("06 0B 2B 06 01 04 01 02 02 01 01 02 00")), -1},
+        {get_response("02 02 04 00"), 1024, no}, {get_response("02 01 50"), 80, no},
+        {get_response("02 01 80"), 128, no}, {get_response("02 03 01 00 00"), 65536, no},
+        {get_response("02 02 FF FF", 5), 65535, no},
+        {cat(kPortName, vx_hex("02 01 50")), 80, no},  // only the tail counts
+        {port_answer(dead_port), dead_port, DPI_RC_IO_ERROR},
+        {get_response("02 01 00"), 0, DPI_RC_NOT_SUPPORTED},
+        {get_response("05 00", 2), -1, DPI_RC_NO_PORT}, {{}, -1, DPI_RC_NO_PORT},
+        {get_response("04 01 50"), -1, no}, {get_response("02 02 50"), -1, no},
+        {get_response("02 04 00 00 04 00"), -1, no}, {cat(get_response("02 01 50"), {0}), -1, no},
+        {get_response("02 01 50", 0, vx_hex("06 0B 2B 06 01 04 01 02 02 01 01 02 00")), -1, no},
         // clang-format on
     };
-    for (const auto& r : answers) {
-        SCOPED_TRACE(vx_to_hex(r.answer));
-        EXPECT_EQ(extract_DPI_port(r.answer.data(), static_cast<int>(r.answer.size())), r.port);
+    const long fds = open_fds();
+    for (const auto& [answer, port, rc] : rows) {
+        SCOPED_TRACE(vx_to_hex(answer));
+        udp_agent agent({answer, answer});
+        EXPECT_EQ(qDPIport("127.0.0.1", "public", 1), port);
+        if (rc != no) {
+            EXPECT_EQ(DPIconnect_to_agent_TCP("127.0.0.1", "public"), rc);
+        }
+        EXPECT_EQ(open_fds(), fds + 1);  // the responder's socket; the query's is closed
+        EXPECT_EQ(agent.received(), std::vector<bytes>(rc != no ? 2 : 1, kQuery));
         // No prefix of a good answer yields a port; each is copied so that ASan sees its end.
-        for (size_t cut = 0; r.port >= 0 && cut < r.answer.size(); cut++) {
-            bytes prefix(r.answer.begin(), r.answer.begin() + static_cast<long>(cut));
+        for (size_t cut = 0; port >= 0 && cut < answer.size(); cut++) {
+            bytes prefix(answer.begin(), answer.begin() + static_cast<long>(cut));
             EXPECT_EQ(extract_DPI_port(prefix.data(), static_cast<int>(cut)), -1) << cut;
         }
     }
-    EXPECT_EQ(extract_DPI_port(nullptr, 20), -1);
-    // Dotted quads are taken as they are; anything else goes to the name service.
-    EXPECT_EQ(ntohl(lookup_host("10.1.2.3")), 0x0A010203u);
-    EXPECT_EQ(lookup_host("10.1.2.3x") + lookup_host("1.2.3.4.5"), 0u);
-}
-
-TEST_F(DpiConnection, PortQueryAndConnectOutcomes) {
-    int dead = vx_tcp_listen(0), dead_port = vx_local_port(dead);
-    close(dead);
-    const struct {
-        bytes answer;
-        int port, rc;  // of qDPIport and of DPIconnect_to_agent_TCP
-    } rows[] = {
-        {port_answer(dead_port), dead_port, DPI_RC_IO_ERROR},
-        {get_response("02 01 00"), 0, DPI_RC_NOT_SUPPORTED},
-        {get_response("05 00", 2), -1, DPI_RC_NO_PORT},
-        {{}, -1, DPI_RC_NO_PORT},  // an empty datagram
-    };
-    const long fds = open_fds();
-    for (const auto& r : rows) {
-        SCOPED_TRACE(vx_to_hex(r.answer));
-        udp_agent agent({r.answer, r.answer});
-        EXPECT_EQ(qDPIport("127.0.0.1", "public", 1), r.port);
-        EXPECT_EQ(DPIconnect_to_agent_TCP("127.0.0.1", "public"), r.rc);
-        EXPECT_EQ(open_fds(), fds + 1);  // the responder's socket; the query's is closed
-        EXPECT_EQ(agent.received(), std::vector<bytes>(2, kQuery));
-    }
-    // Refused before anything is sent.
-    udp_agent agent({port_answer(1024)});
-    EXPECT_EQ(qDPIport("127.0.0.1", std::string(93, 'c').c_str(), 1), -1);
     EXPECT_EQ(qDPIport("no-such-host.invalid", "public", 1), -1);
-    setenv("SNMP_PORT", "70000", 1);
+    setenv("SNMP_PORT", "70000", 1);  // refused before anything is sent
     EXPECT_EQ(qDPIport("127.0.0.1", "public", 1), -1);
-    EXPECT_TRUE(agent.received().empty());
-    for (auto* other : {DPIconnect_to_agent_UDP, DPIconnect_to_agent_UNIXstream,
-                        DPIconnect_to_agent_NMQ, DPIconnect_to_agent_SHM}) {
-        EXPECT_EQ(other("127.0.0.1", "public"), DPI_RC_NOT_SUPPORTED);
-    }
 }
 
 TEST_F(DpiConnection, FramedPacketsFromTheAgent) {
     ASSERT_EQ(connect_agent(), 0);
-    const struct {
-        bytes sent;
-        int rc;
-        unsigned long len;  // length field of the packet handed out
-    } rows[] = {
+    // Sent, result, and the length field of the packet handed out.
+    const std::tuple<bytes, int, unsigned long> rows[] = {
         {vx_hex("00 06 02 02 00 00 00 0F"), DPI_RC_OK, 6},
         {cat(vx_hex("0F FE"), bytes(4094, 0xA5)), DPI_RC_OK, 4094},  // the largest kept
         {cat(vx_hex("0F FF"), bytes(4095, 0x5A)), DPI_RC_PACKET_TOO_LARGE, 0},
-        {cat(vx_hex("FF FF"), bytes(65535, 1)), DPI_RC_PACKET_TOO_LARGE, 0},
         {vx_hex("00 00"), DPI_RC_OK, 0},
         {vx_hex("00 07 02 02 00 00 01 09 02"), DPI_RC_OK, 7},  // read from its start
     };
     // All queued at once: a send buffer large enough for them all spares a writer thread.
     int big = 1 << 20;
     setsockopt(peer, SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
-    for (const auto& r : rows) {
-        ASSERT_TRUE(vx_send_all(peer, r.sent));
+    for (const auto& [sent, rc, length] : rows) {
+        ASSERT_TRUE(vx_send_all(peer, sent));
     }
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.sent.size());
+    for (const auto& [sent, rc, length] : rows) {
+        SCOPED_TRACE(sent.size());
         msg = reinterpret_cast<unsigned char*>(&len), len = 99;
-        EXPECT_EQ(DPIawait_packet_from_agent(0, 5, &msg, &len), r.rc);
-        EXPECT_EQ(len, r.len);
-        EXPECT_EQ(msg ? bytes(msg, msg + len + 2) : bytes{}, r.len ? r.sent : bytes{});
+        EXPECT_EQ(DPIawait_packet_from_agent(0, 5, &msg, &len), rc);
+        EXPECT_EQ(len, length);
+        EXPECT_EQ(msg ? bytes(msg, msg + len + 2) : bytes{}, length ? sent : bytes{});
     }
 }
 
 TEST_F(DpiConnection, AgentClosesMidPacket) {
-    const struct {
-        bytes sent;
-        int rc;
-    } rows[] = {
+    const std::pair<bytes, int> rows[] = {
         {{}, DPI_RC_IO_ERROR},
         {vx_hex("00"), DPI_RC_IO_ERROR},  // inside the length field
         {vx_hex("00 06 02 02 00"), DPI_RC_EOF},
         {cat(vx_hex("10 00"), bytes(100, 0)), DPI_RC_EOF},  // inside a packet being dropped
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.sent.size());
-        ASSERT_EQ(connect_agent(), 0);
-        ASSERT_TRUE(vx_send_all(peer, r.sent));
+    for (const auto& [sent, rc] : rows) {
+        SCOPED_TRACE(sent.size());
+        ASSERT_EQ(connect_agent(), 0);  // the dead handle's slot is free again
+        ASSERT_TRUE(vx_send_all(peer, sent));
         close(peer);
-        EXPECT_EQ(DPIawait_packet_from_agent(0, 5, &msg, &len), r.rc);
-        // The handle is dead: descriptor gone, slot free.
-        EXPECT_EQ(DPIget_fd_for_handle(0), -1);
-        EXPECT_EQ(DPIawait_packet_from_agent(0, 0, &msg, &len), DPI_RC_INVALID_HANDLE);
+        EXPECT_EQ(DPIawait_packet_from_agent(0, 5, &msg, &len), rc);
         EXPECT_EQ(DPIsend_packet_to_agent(0, kPortName.data(), 2), DPI_RC_INVALID_HANDLE);
     }
     peer = -1;
@@ -237,53 +199,32 @@ TEST_F(DpiConnection, AgentClosesMidPacket) {
 
 TEST_F(DpiConnection, HandlesSlotsSendAndTimeOut) {
     ASSERT_EQ(connect_agent(), 0);
-    auto t0 = steady_clock::now();
     EXPECT_EQ(DPIawait_packet_from_agent(0, 0, &msg, &len), DPI_RC_TIMEOUT);
-    EXPECT_LT(steady_clock::now() - t0, std::chrono::milliseconds(500));
-    EXPECT_EQ(DPIawait_packet_from_agent(0, 1, &msg, &len), DPI_RC_TIMEOUT);
-    // What a subagent sends reaches the agent as it was built.
-    unsigned char* built = mkDPIreg(0, -1, "1.3.6.1.4.1.2.3.1.", 0, 0);
-    const bytes reg(built, built + DPI_PACKET_LEN(built));
-    ASSERT_EQ(DPIsend_packet_to_agent(0, reg.data(), reg.size()), DPI_RC_OK);
-    bytes got(reg.size());
-    ASSERT_EQ(recv(peer, got.data(), got.size(), MSG_WAITALL), static_cast<ssize_t>(got.size()));
-    EXPECT_EQ(got, reg);
     // The handle is checked before the arguments.
     for (int handle : {-1, 2, 3}) {
-        EXPECT_EQ(DPIsend_packet_to_agent(handle, reg.data(), 0), DPI_RC_INVALID_HANDLE) << handle;
+        EXPECT_EQ(DPIsend_packet_to_agent(handle, nullptr, 0), DPI_RC_INVALID_HANDLE) << handle;
         EXPECT_EQ(DPIawait_packet_from_agent(handle, 0, &msg, &len), DPI_RC_INVALID_HANDLE);
     }
-    EXPECT_EQ(DPIget_fd_for_handle(-1) + DPIget_fd_for_handle(3), 2 * DPI_RC_INVALID_HANDLE);
     EXPECT_EQ(DPIsend_packet_to_agent(0, nullptr, 9), DPI_RC_INVALID_ARGUMENT);
-    EXPECT_EQ(DPIsend_packet_to_agent(0, reg.data(), 0), DPI_RC_INVALID_ARGUMENT);
-    // Three slots, the query's included: with none left, no port can be learned.
+    EXPECT_EQ(DPIsend_packet_to_agent(0, kQuery.data(), 0), DPI_RC_INVALID_ARGUMENT);
+    // Three slots, the query's included: with none left, no port is asked for.
     ASSERT_EQ(connect_agent(), 1);
     ASSERT_EQ(connect_agent(), 2);
-    const long fds = open_fds();
     udp_agent agent({port_answer(1024)});
     EXPECT_EQ(DPIconnect_to_agent_TCP("127.0.0.1", "public"), DPI_RC_NO_PORT);
     EXPECT_TRUE(agent.received().empty());
-    EXPECT_EQ(open_fds(), fds + 1);
     DPIdisconnect_from_agent(1);
-    EXPECT_EQ(DPIget_fd_for_handle(1), -1);
     EXPECT_EQ(connect_agent(), 1);
 }
 
-// Slow: waits out the library's fixed time-outs.
 TEST_F(DpiConnection, SlowTimeOuts) {
-    auto t0 = steady_clock::now();
     udp_agent silent({kSilent, kSilent, kSilent});
     EXPECT_EQ(qDPIport("127.0.0.1", "public", 1), -1);
     EXPECT_EQ(silent.received(), std::vector<bytes>(3, kQuery));
-    auto waited = steady_clock::now() - t0;
-    EXPECT_TRUE(waited >= std::chrono::seconds(17) && waited < std::chrono::seconds(25));
-    udp_agent late({kSilent, port_answer(4242)});
-    EXPECT_EQ(qDPIport("127.0.0.1", "public", 1), 4242);
     // A body that stalls times out, and the connection stays.
     ASSERT_EQ(connect_agent(), 0);
     ASSERT_TRUE(vx_send_all(peer, vx_hex("00 06 02 02 00")));
     EXPECT_EQ(DPIawait_packet_from_agent(0, 1, &msg, &len), DPI_RC_TIMEOUT);
-    EXPECT_EQ(msg, nullptr);
     EXPECT_EQ(DPIsend_packet_to_agent(0, kPortName.data(), 2), DPI_RC_OK);
 }
 

@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Installs the DPI library from a build tree into a scratch prefix and builds the C example
-# against it through pkg-config, as a subagent author would: once against the shared library
-# and once against the archive with the private libraries pkg-config lists for static links
-# (no library path at run time, so a dynamic libdpisa would not be found). Both must print
+# Installs the DPI library into a scratch prefix and builds the C example through pkg-config,
+# against the shared library and against the archive with pkg-config's static private
+# libraries (no run-time library path: a dynamic libdpisa would not be found). Both must print
 # the expected packets.   $1 build tree  $2 examples/dpi_c_api.c  $3 C compiler  $4 flags
 set -euo pipefail
 build=$1 example=$2 cc=$3
@@ -27,4 +26,3 @@ handle 0 before connecting: -6
 OUT
 LD_LIBRARY_PATH=$libdir "$scratch/shared" | diff -u "$scratch/expected" -
 "$scratch/static" | diff -u "$scratch/expected" -
-echo "installed headers, libraries and dpisa.pc work from C"

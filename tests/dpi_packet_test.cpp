@@ -1,11 +1,8 @@
-// DPI packet library, one row per packet: fields in, hex out for the builders; hex in, hex
-// out for the parser, shown by what the writer (whose output for given fields the built rows
-// prove) makes of the parsed tree again.
+// DPI packets, one row each: fields in, hex out for the builders; hex in, hex out for the
+// parser, shown by what the writer (proven by the built rows) makes of the parsed tree.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-
-#include <algorithm>
 
 #include "snmpmDPI.h"
 #include "vx_peers.h"
@@ -46,24 +43,11 @@ dpi_set_packet* vb32(dpi_set_packet* chain, const char* instance, int type, uint
     return mkDPIset_packet(chain, "1.3.", instance, type, 4, &number);
 }
 
-// Every prefix of a packet, its length field saying so, is refused (`all_refused`) or read
-// as a shorter packet; never read beyond, never leaked.
-void check_truncations(const vx_bytes& bytes, bool all_refused) {
-    for (size_t len = 2; len < bytes.size(); len++) {
-        vx_bytes cut(bytes.begin(), bytes.begin() + static_cast<long>(len));
-        cut[0] = static_cast<uint8_t>((len - 2) >> 8), cut[1] = static_cast<uint8_t>(len - 2);
-        dpi_hdr* hdr = parse(cut);
-        EXPECT_TRUE(hdr == nullptr || !all_refused) << len;
-        fDPIparse(hdr);
-    }
-}
-
 TEST(DpiPacket, Vectors) {
     dpi_hdr* get = mkDPIhdr_version(SNMP_DPI_GET, 2, 0);
     dpi_hdr* v1 = mkDPIhdr_version(SNMP_DPI_GET, 1, 1);
     get->packet_id = 0x1234;
     auto two = [] { return vb32(vb32(nullptr, "1", 129, 1), "2", 129, 0x80000002); };
-    const auto* pw = reinterpret_cast<const uint8_t*>("p\0!");
     // `built`: the packet a builder made (its number, unless echoed, read as 0000), copied out
     // of the library's buffer at once. `out`: what the writer makes of the parsed tree: "=" the
     // very bytes, "" nothing (it refuses the tree), "-" no tree (the parser refuses).
@@ -86,7 +70,7 @@ TEST(DpiPacket, Vectors) {
         {bytes_of(mkDPIureg(3, "1.3.")), "020200 0000 07 03 312e332e00", "="},
         {bytes_of(mkDPIopen("1.3.6.1.4.1.2", "", 10, 20, 1, 0, nullptr)),
          "020200 0000 08 000a 0014 01 312e332e362e312e342e312e3200 00 0000", "-"},
-        {bytes_of(mkDPIopen("1.3", "d", 1, 2, 0, 3, pw)),
+        {bytes_of(mkDPIopen("1.3", "d", 1, 2, 0, 3, reinterpret_cast<const uint8_t*>("p\0!"))),
          "020200 0000 08 0001 0002 00 312e3300 6400 0003 700021", "="},
         {bytes_of(mkDPItrape(6, 70000, vb32(nullptr, "1", 136, 9), "1.3.6.1.4.1.2")),
          "020200 0000 04 00000006 00011170 312e332e362e312e342e312e3200 312e332e00 3100 880004"
@@ -99,14 +83,12 @@ TEST(DpiPacket, Vectors) {
         {bytes_of(mkDPIresp(v1, 101, 0, nullptr)), "020101 05 65", "="},
         // Parsed only.
         {{}, "020200 0017 09 02 ffff", "020200 0017 09 02"},
-        {{}, "020200 0005 0f abcd", "020200 0005 0f"},
         {{}, "020200 0002 01 0000 312e332e00 00", "="}, {{}, "020100 01 312e332e3100", "="},
         {{}, "020200 0003 01 0002 beef 312e332e00 3100", "="},
         {{}, "020200 0004 01 0000 312e00 3200 322e3300",
          "020200 0004 01 0000 312e00 3200 322e3300 00"},
         {{}, "020200 0009 03 0000 312e332e00 3100 810004 ffffff85 312e332e00 3200 860004 00000100",
          "="},
-        {{}, "020200 000a 03 0000 312e332e00 00 850004 0a000001", "="},
         {{}, "020200 000c 03 0000 312e332e00 3700 0d0008 0000000100000002", "="},
         {{}, "020200 0011 03 0000 312e332e00 00 070002 abcd", ""},  // unknown value types are read,
         {{}, "020200 0012 03 0000 312e3300 00 020000", ""},  // and groups without a final dot
@@ -115,15 +97,13 @@ TEST(DpiPacket, Vectors) {
         {{}, "020200 0011 04 00000006 0000002a 312e3300 312e332e00 3100 880004 00000009", "="},
         {{}, "020100 04 03 ff", "="}, {{}, "020101 04 00000002 00000000 312e3300", "="},
         {{}, "020200 0011 05 02 00000001 312e332e00 3100 020003 616263", "="},
-        {{}, "020100 05 05", "="}, {{}, "020101 05 00", "="},
         {{}, "020200 0013 06 ffffffff 0005 01 00 312e332e00 00000007 0000 00 01 322e00", "="},
         {{}, "020100 06 312e332e00 312e352e00", "="},
         {{}, "020200 0016 08 000a 0014 01 312e3300 6400 0003 0077ff", "="},
         {{}, "020200 0016 08 000a 0014 01 312e3300 6400 0000 ff",
          "020200 0016 08 000a 0014 01 312e3300 6400 0000"},
-        {{}, "020200 0018 02 0000 312e332e00 3100", "="},
-        {{}, "020101 02 312e3300 312e332e00", "="},
-        {{}, "020100 02 312e3300", ""},
+        {{}, "020200 0018 02 0000 312e332e00 3100", "="}, {{}, "020100 02 312e3300", ""},
+        {{}, "020101 02 312e3300 312e332e00", "="}, {{}, "020101 05 00", "="},
         // A version-1 group without its final dot is read, but written joined to the instance.
         {{}, "020100 02 312e332e362e3100 312e3300", "020100 02 312e33362e3100 312e3300"},
         // clang-format on
@@ -143,11 +123,13 @@ TEST(DpiPacket, Vectors) {
         vx_bytes again = bytes_of(hdr ? cDPIpacket(hdr) : nullptr);
         fDPIparse(hdr);
         EXPECT_EQ(vx_to_hex(again), vx_to_hex(out));
-        // What is written back reads as a tree that is written as the same bytes again.
-        hdr = again.empty() || (in[3] == 1 && again != in) ? nullptr : parse(again);
-        EXPECT_EQ(bytes_of(hdr ? cDPIpacket(hdr) : nullptr), hdr ? again : vx_bytes{});
-        fDPIparse(hdr);
-        check_truncations(in, false);
+        // Every prefix, its length field saying so, is refused or read as a shorter packet;
+        // never read beyond, never leaked.
+        for (size_t len = 2; len < in.size(); len++) {
+            vx_bytes cut(in.begin(), in.begin() + static_cast<long>(len));
+            cut[0] = static_cast<uint8_t>((len - 2) >> 8), cut[1] = static_cast<uint8_t>(len - 2);
+            fDPIparse(parse(cut));
+        }
     }
     // Refused by the builders.
     dpi_hdr* reg = mkDPIhdr_version(SNMP_DPI_REGISTER, 2, 0);
@@ -156,41 +138,31 @@ TEST(DpiPacket, Vectors) {
     EXPECT_NE(mkDPIresp(reg, 2, 3, two()), nullptr);  // the index counts only for requests
     const void* refused[] = {
         // clang-format off
-        mkDPIresp(get, 2, 3, two()), mkDPIresp(get, 256, 0, two()), mkDPIresp(get, -1, 0, two()),
-        mkDPIresp(get, 0, -1, two()), mkDPIresp(nullptr, 0, 0, two()), request(1, 2, nullptr),
-        request(SNMP_DPI_GETBULK, 2, nullptr), request(16, 2, nullptr),
+        mkDPIresp(get, 2, 3, two()), mkDPIresp(get, 256, 0, two()), mkDPIresp(get, 0, -1, two()),
+        mkDPIresp(nullptr, 0, 0, two()), request(1, 2, nullptr), request(16, 2, nullptr),
+        request(SNMP_DPI_GETBULK, 2, nullptr),
         request(3, 2, mkDPIset_packet(nullptr, "1.3", "1", 2, 0, "")),  // group without dot
         mkDPIreg(5, 0, "1.3.6", 0, 0), mkDPIreg(5, -2, "1.3.", 0, 0), mkDPIreg(5, 0, "1.3.", 2, 0),
         mkDPIureg(1, "1.3"), mkDPIopen("1.3", (d255 + "d").c_str(), 0, 0, 0, 0, nullptr),
         mkDPIopen("5.3", "d", 0, 0, 0, 0, nullptr), mkDPIopen("1.3", "d", 1, 2, 2, 0, nullptr),
-        mkDPIopen("1.3", "d", 65536, 2, 0, 0, nullptr), mkDPIopen(0, "d", 1, 2, 0, 0, nullptr),
-        mkDPItrape(3, 1, nullptr, nullptr), mkDPItrape(7, 0, nullptr, nullptr),
-        mkDPItrape(-1, 0, nullptr, nullptr), mkDPItrape(6, 1, two(), "1.3."),
+        mkDPIopen("1.3", "d", 65536, 2, 0, 0, nullptr), mkDPItrape(3, 1, nullptr, nullptr),
+        mkDPItrape(7, 0, nullptr, nullptr), mkDPItrape(6, 1, two(), "1.3."),
         mkDPIset_packet(nullptr, "1.", "", 6, 0, ""), mkDPIset_packet(nullptr, "1.", "", 141, 0, 0),
         mkDPIset_packet(nullptr, "1.", "", 2, 65536, "x"), mkDPIset_packet(0, "1.", "", 2, 1, 0),
+        // Identifiers: digits and single dots, a first number of 0 to 2 and a second below 40
+        // after 0 or 1; an instance without a final dot.
+        mkDPIget_packet(nullptr, "1", ""), mkDPIget_packet(nullptr, "1.40", ""),
+        mkDPIget_packet(nullptr, "1..3", ""), mkDPIget_packet(nullptr, "1.3a", ""),
+        mkDPIget_packet(nullptr, "1.3.", "1.0."), mkDPIget_packet(nullptr, nullptr, ""),
+        mkDPIhdr_version(1, 2, 1), mkDPIhdr_version(1, 1, 2), mkDPIhdr_version(1, 3, 0),
         // clang-format on
     };
     for (size_t i = 0; i < std::size(refused); i++) {
         EXPECT_EQ(refused[i], nullptr) << i;
     }
-    // Identifiers: digits and single dots, a first number of 0 to 2 and a second below 40
-    // after 0 or 1; an instance without a final dot.
-    // clang-format off
-    for (auto [group, instance, valid] : {std::tuple{"1.3.6.1", "", 1}, {"3.1", "", 0},
-             {"1.40", "", 0}, {"1.39", "", 1}, {"2.100", "", 1}, {"1..3", "", 0}, {"1.3.6.", "", 1},
-             {"0.0", "", 1}, {"1", "", 0}, {"1.3a", "", 0}, {"", "", 0}, {nullptr, "", 0},
-             {"1.3.", "1.0", 1}, {"1.3.", "1.0.", 0}, {"1.3.", "1..0", 0}, {"1.3.", "x", 0}}) {
-        // clang-format on
-        auto* set = mkDPIset_packet(nullptr, group, instance, 2, 0, nullptr);
-        EXPECT_EQ(set != nullptr, valid) << (group ? group : "-") << "/" << instance;
-        EXPECT_EQ(request(1, 2, mkDPIget_packet(nullptr, group, instance)) != nullptr, valid);
-        fDPIset_packet(set);
-    }
     fDPIparse(get), fDPIparse(reg), fDPIparse(v1);
-}
-
-TEST(DpiPacket, Refused) {
-    static const char* const rows[] = {
+    // Refused by the parser.
+    static const char* const bad[] = {
         // clang-format off
         "020200 0001 09", "020102 09 02", "020201 0001 09 02", "020300 0001 09 02",
         "010200 0001 09 02", "020200 0001 0e 00", "020200 0001 0c 0000 312e00 00",
@@ -206,25 +178,15 @@ TEST(DpiPacket, Refused) {
         "020200 000f 03 0000 312e332e00 00 020003 6162",  // a value one byte past the body
         // clang-format on
     };
-    for (const char* hex : rows) {
+    for (const char* hex : bad) {
         EXPECT_EQ(parse(framed(hex)), nullptr) << hex;
     }
     EXPECT_EQ(parse(vx_hex("8006 020200 0001 0f")), nullptr);  // the length field is signed
-    EXPECT_EQ(pDPIpacket(nullptr), nullptr);
-    // Packets whose every field is needed: any cut is refused.
-    for (const char* hex :
-         {"020200 0009 03 0000 312e332e00 3100 810004 ffffff85",
-          "020200 0016 08 000a 0014 01 312e3300 6400 0003 707721", "020200 0015 07 03 312e332e00",
-          "020200 0013 06 ffffffff 0005 01 00 312e00"}) {
-        check_truncations(framed(hex), true);
-    }
 }
 
 TEST(DpiPacket, SizeLimitsAndNumbers) {
-    static const struct {
-        int type;
-        std::vector<int> written, refused;
-    } rows[] = {
+    // A value type, lengths written, lengths refused.
+    static const std::tuple<int, std::vector<int>, std::vector<int>> rows[] = {
         // clang-format off
         {DPI_TYPE_NsapAddress, {1, 4, 21}, {0, 2, 3, 22}}, {DPI_TYPE_NULL, {0, 4}, {5}},
         {DPI_TYPE_endOfMibView, {0}, {}}, {DPI_TYPE_Integer32, {}, {0, 3}},
@@ -234,46 +196,26 @@ TEST(DpiPacket, SizeLimitsAndNumbers) {
         // clang-format on
     };
     const vx_bytes value(4076, 'v');
-    for (const auto& row : rows) {
+    for (const auto& [type, written, refused] : rows) {
         for (bool ok : {true, false}) {
-            for (int len : ok ? row.written : row.refused) {
-                auto* vb = mkDPIset_packet(nullptr, "1.3.", "1", row.type, len, value.data());
+            for (int len : ok ? written : refused) {
+                auto* vb = mkDPIset_packet(nullptr, "1.3.", "1", type, len, value.data());
                 // Header 8, extra length 2, "1.3.\0" 5, "1\0" 2, type and length 3.
-                EXPECT_EQ(bytes_of(request(3, 2, vb)).size(), ok ? 20u + len : 0u)
-                    << row.type << "/" << len;
+                EXPECT_EQ(bytes_of(request(3, 2, vb)).size(), ok ? 20u + len : 0u) << type << len;
             }
         }
     }
     // One packet number per version-2 header made, also for a response (which carries the
-    // request's number instead); none in version 1; 0 after 65535.
-    auto next_id = [] {
-        const unsigned char* p = mkDPIayt();
-        return p[5] << 8 | p[6];
-    };
+    // request's number instead); 0 after 65535.
+    auto next_id = [](const unsigned char* p = mkDPIayt()) { return p[5] << 8 | p[6]; };
     int first = next_id();
     dpi_hdr* v1 = mkDPIhdr_version(SNMP_DPI_GET, 1, 1);
-    EXPECT_EQ(v1->packet_id, 0);
-    EXPECT_EQ(next_id(), first + 1);
     ASSERT_NE(mkDPIresp(v1, 0, 0, nullptr), nullptr);
-    EXPECT_EQ(next_id(), first + 3);
+    ASSERT_EQ(next_id(), first + 2);  // else the wait for 65535 below would not end
     fDPIparse(v1);
-    for (auto [version, release] : {std::pair{2, 1}, {1, 2}, {3, 0}, {0, 0}}) {
-        EXPECT_EQ(mkDPIhdr_version(SNMP_DPI_GET, version, release), nullptr) << version;
-    }
     while (next_id() != 65535) {
     }
     EXPECT_EQ(vx_to_hex(bytes_of(mkDPIayt())), "00 06 02 02 00 00 00 0f");
-}
-
-TEST(DpiPacket, DebugSwitchAnnouncesChangesOnly) {
-    testing::internal::CaptureStdout();
-    DPIdebug(0), DPIdebug(1), DPIdebug(1), DPIdebug(0);
-    dpilog("%s|%d", std::string(1000, 'x').c_str(), 5);  // cut to its 800-byte buffer
-    const std::string out = testing::internal::GetCapturedStdout(), v = "\nsnmpmDPI.cpp - DPI V";
-    EXPECT_EQ(out.find("DPI Debug turned ON (level 1)\nDPI Debug code not available" + v), 0u);
-    EXPECT_NE(out.find("Debug turned OFF (level 0)" + v), std::string::npos);
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 5);
-    EXPECT_EQ(out.substr(out.size() - 800), "\n" + std::string(799, 'x'));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-# The DPI library: packets, and the subagent connection over loopback sockets. The cases that
-# wait out the library's fixed time-outs (up to 18 s) run as one test labelled slow.
+# The DPI library's packets and subagent connection; the cases that wait out its fixed
+# time-outs (up to 18 s) run as one test labelled slow.
 find_package(Threads REQUIRED)
 foreach(t dpi_packet_test dpi_connection_test)
   add_executable(${t} ${CMAKE_CURRENT_SOURCE_DIR}/${t}.cpp)
@@ -8,8 +8,7 @@ foreach(t dpi_packet_test dpi_connection_test)
 endforeach()
 add_test(NAME dpi_connection_slow COMMAND dpi_connection_test --gtest_filter=*.Slow*)
 set_tests_properties(dpi_connection_slow PROPERTIES LABELS slow TIMEOUT 120)
-# The installed library as a C subagent program sees it; under the sanitizers or coverage the
-# example must carry their runtime, as the library does.
+# The installed library from C; the example carries the library's sanitizer or coverage runtime.
 string(JOIN " " dpi_example_flags ${VARNEX_SAN_FLAGS} ${VARNEX_COV_FLAGS})
 add_test(NAME dpi_install COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/dpi_install_test.sh
          ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR}/examples/dpi_c_api.c ${CMAKE_C_COMPILER}
