@@ -1,7 +1,6 @@
-// The SNMP library's decoders of untrusted bytes, one target each (chosen by FUZZ_*).
-// Property throughout: what decodes encodes again, the encoding decodes to the same fields,
-// and encoding those gives the same bytes once more. Records live across runs, so their
-// containers are recycled as in real use.
+// The SNMP library's decoders of untrusted bytes, one target each (chosen by FUZZ_*). What
+// decodes encodes again, the encoding decodes to the same fields, and encoding those gives the
+// same bytes once more. Records live across runs: containers are recycled as in real use.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -26,8 +25,8 @@ struct Slot {
         snmp_buffer buf{nullptr, 0, const_cast<uint8_t*>(data), uint32_t(n)};
         return snmp_decode_message(&msg, &buf);
     }
-    // Elements grow at most threefold (an empty IpAddress takes six bytes); the trap encoder
-    // wants five octets of room per enterprise sub-identifier: six times will do.
+    // Elements grow at most threefold; the trap encoder wants five octets of room per
+    // enterprise sub-identifier: six times will do.
     std::vector<uint8_t> encode(size_t n) {
         std::vector<uint8_t> out(n * 6 + 64);
         snmp_buffer buf{out.data(), uint32_t(out.size()), nullptr, 0};
@@ -67,13 +66,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     const std::vector<uint8_t> wire(start, start + len);
-    require(smux_decode_message(wire.data(), len, &p) == SNMP_CODEC_OK);
-    require(lib_render::smux(p) == fields && smux_encode_message(&start, &len, p) == SNMP_CODEC_OK);
-    require(std::vector<uint8_t>(start, start + len) == wire);
+    require(smux_decode_message(wire.data(), len, &p) == SNMP_CODEC_OK && lib_render::smux(p) == fields);
+    require(smux_encode_message(&start, &len, p) == SNMP_CODEC_OK && std::vector<uint8_t>(start, start + len) == wire);
     return 0;
 }
-#elif defined(FUZZ_AGENTX)  // everything the master agent sends over AgentX; also, framer and
-// decoder agree, and re-encoding takes no more bytes than the input (compression, byte order)
+#elif defined(FUZZ_AGENTX)  // all the master sends over AgentX; framer and decoder agree, and
+// the encoding (compressed, in network order) takes no more bytes than the input
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static agentx_pdu* first = agentx_create_pdu();
     static agentx_pdu* second = agentx_create_pdu();
@@ -104,11 +102,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     char* printed = snmp_oid_to_string(oid);
-    snmp_container* again = printed != nullptr ? snmp_create_oid_container(printed) : nullptr;
+    require(printed != nullptr && snmp_validate_and_count(text.c_str(), 1) == oid->length);
+    snmp_container* again = snmp_create_oid_container(printed);
     char* printed_again = snmp_oid_to_string(again);
-    require(snmp_validate_and_count(text.c_str(), 1) == oid->length && again != nullptr);
-    require(snmp_compare_oid_subids(oid, again, 0) == 0 && printed_again != nullptr &&
-            strcmp(printed, printed_again) == 0);
+    require(snmp_compare_oid_subids(oid, again, 0) == 0 && strcmp(printed, printed_again) == 0);
     free(printed_again);
     free(printed);
     snmp_free_container(again);

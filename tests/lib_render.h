@@ -1,7 +1,6 @@
 #pragma once
-// Every field a decoded PDU's type uses, as one line of text. The codec tests compare it with
-// what a byte vector must give; the fuzz targets compare the text of a decoded record with
-// that of its re-encoding decoded again, so a field lost or moved on either way shows.
+// Every field a decoded PDU's type uses, as one line of text: what a codec row must give, and
+// what a fuzz target compares across a re-encoding, so a field lost or moved either way shows.
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -23,16 +22,13 @@ using std::string;
 }
 
 // Sub-identifiers dotted, or octets in hex.
-inline string elements(const snmp_container* c, bool dotted) {
+inline string elements(const snmp_container* c, bool dotted = true) {
     string s;
     for (uint32_t i = 0; c != nullptr && i < c->length; i++) {
         s += dotted ? (i != 0 ? "." : "") + std::to_string(snmp_container_const_subids(c)[i])
                     : fmt("%02X", snmp_container_const_octets(c)[i]);
     }
     return s;
-}
-inline string oid(const snmp_container* c) {
-    return elements(c, true);
 }
 inline string quoted(const snmp_container* c) {
     return "'" + string(reinterpret_cast<const char*>(snmp_container_const_octets(c)), c->length) + "'";
@@ -53,10 +49,9 @@ inline string value(const snmp_container* c) {
                                            : std::to_string(c->value.u32));
 }
 
-inline string varbinds(const snmp_varBind* v, uint32_t n) {
-    string s;
+inline string varbinds(const snmp_varBind* v, uint32_t n, string s = "") {
     for (uint32_t i = 0; i < n; i++) {
-        s += " " + oid(v[i].name) + "=" + value(v[i].value);
+        s += " " + elements(v[i].name) + "=" + value(v[i].value);
     }
     return s;
 }
@@ -64,22 +59,22 @@ inline string varbinds(const snmp_varBind* v, uint32_t n) {
 // A Get/GetNext/GetResponse/Set, or a Trap.
 inline string pdu(const snmp_pdu* p, const snmp_trap_pdu* t) {
     if (t == nullptr) {
-        return fmt("id%d st%d ix%d", p->request_id, p->error_status, p->error_index) +
-               varbinds(p->varBinds, p->varBind_count);
+        return varbinds(p->varBinds, p->varBind_count,
+                        fmt("id%d st%d ix%d", p->request_id, p->error_status, p->error_index));
     }
     const uint8_t* a = t->agent_addr;
-    return oid(t->enterprise) + fmt(" %u.%u.%u.%u g%d s%d t%u", a[0], a[1], a[2], a[3],
-                                    t->generic_trap, t->specific_trap, t->time_stamp) +
-           varbinds(t->varBinds, t->varBind_count);
+    return varbinds(t->varBinds, t->varBind_count,
+                    elements(t->enterprise) + fmt(" %u.%u.%u.%u g%d s%d t%u", a[0], a[1], a[2], a[3],
+                                                  t->generic_trap, t->specific_trap, t->time_stamp));
 }
 
 inline string smux(const smux_pdu* p) {
     const uint8_t t = p->type;
     return fmt("%02X ", t) +
-           (t == SMUX_PDU_OPEN ? fmt("v%d ", p->version) + oid(p->oid) + " '" +
+           (t == SMUX_PDU_OPEN ? fmt("v%d ", p->version) + elements(p->oid) + " '" +
                                      string(p->description, p->description_len) + "' '" +
                                      string(p->password, p->password_len) + "'"
-            : t == SMUX_PDU_RREQ ? oid(p->oid) + fmt(" pri%d op%d", p->priority, p->operation)
+            : t == SMUX_PDU_RREQ ? elements(p->oid) + fmt(" pri%d op%d", p->priority, p->operation)
             : t == SMUX_PDU_CLOSE || t == SMUX_PDU_RRSP || t == SMUX_PDU_SOUT
                 ? std::to_string(p->code)
                 : pdu(p->snmp, t == SNMP_PDU_TRAP ? p->trap : nullptr));
@@ -98,18 +93,18 @@ inline string agentx(const agentx_pdu* p) {
                    h.transaction_id, h.packet_id);
     s += (h.flags & 0x08) != 0 && ((t >= 3 && t <= 8) || (t >= 12 && t <= 17)) ? " ctx" + quoted(p->context) : "";
     s += t == AGENTX_OPEN_PDU ? fmt(" to%u", p->timeout) : "";
-    s += t == AGENTX_OPEN_PDU || t == AGENTX_ADDAGENTCAPS_PDU ? " " + oid(p->oid) + " " + quoted(p->description)
+    s += t == AGENTX_OPEN_PDU || t == AGENTX_ADDAGENTCAPS_PDU ? " " + elements(p->oid) + " " + quoted(p->description)
          : t == AGENTX_CLOSE_PDU ? fmt(" reason%u", p->reason)
          : t == AGENTX_REGISTER_PDU || t == AGENTX_UNREGISTER_PDU
-             ? fmt(" to%u pri%u ", p->timeout, p->priority) + oid(p->oid) +
+             ? fmt(" to%u pri%u ", p->timeout, p->priority) + elements(p->oid) +
                    (p->range_subid != 0 ? fmt(" r%u-%u", p->range_subid, p->upper_bound) : "")
          : t == AGENTX_GETBULK_PDU ? fmt(" nr%u mr%u", p->non_repeaters, p->max_repetitions)
-         : t == AGENTX_REMOVEAGENTCAPS_PDU ? " " + oid(p->oid)
+         : t == AGENTX_REMOVEAGENTCAPS_PDU ? " " + elements(p->oid)
          : t == AGENTX_RESPONSE_PDU ? fmt(" up%u err%u idx%u", p->sys_uptime, p->error, p->error_index)
                                     : "";
     for (uint32_t i = 0; i < p->num_ranges; i++) {
         const agentx_range& r = p->ranges[i];
-        s += " [" + oid(r.start) + (r.include != 0 ? "+," : ",") + oid(r.end) + "]";
+        s += " [" + elements(r.start) + (r.include != 0 ? "+," : ",") + elements(r.end) + "]";
     }
     return s + varbinds(p->varbinds, p->num_varbinds);
 }

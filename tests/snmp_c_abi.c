@@ -8,8 +8,7 @@
 int main(void) {
     uint8_t storage[128];
     char community[16] = "public", community2[16];
-    snmp_pdu* pdu = snmp_create_pdu(4);
-    snmp_pdu* back = snmp_create_pdu(4);
+    snmp_pdu *pdu = snmp_create_pdu(4), *back = snmp_create_pdu(4);
     pdu->request_id = 7;
     pdu->varBind_count = 2; /* the second varBind shows the array's stride */
     for (int i = 0; i < 2; i++) {

@@ -1,5 +1,4 @@
-# Tests of the SNMP library; their rows render records through lib_render.h, which the fuzz
-# targets share.
+# Tests of the SNMP library; their rows render records through lib_render.h, as the fuzz targets do.
 foreach(t snmp_container_test snmp_ed_test agentx_ed_test)
   add_executable(${t} ${CMAKE_CURRENT_SOURCE_DIR}/${t}.cpp)
   target_link_libraries(${t} PRIVATE snmpkit vx_testsupport GTest::gtest_main)

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -36,13 +37,11 @@ bool adopt(Owned& held, snmp_container* result) {
 TEST(SnmpContainer, OidTextAndOrder) {
     // Text, its check of the first arcs, and the text printed back (null: invalid).
     const std::tuple<const char*, const char*, int> rows[] = {
-        {"1.3.6.1", "1.3.6.1", 1}, {".1.3.6.1", "1.3.6.1", 0}, {"1.3.6.1.", nullptr, 0},
-        {"1..3", nullptr, 0},      {"3.1", nullptr, 1},        {"3.1", "3.1", 0},
-        {".3.1", nullptr, 0},      {"1.40", nullptr, 1},       {"0.40", nullptr, 1},
-        {"1.39", "1.39", 1},       {"2.40", "2.40", 1},        {"2.4294967295", "2.4294967295", 1},
-        {"2.4294967296", nullptr, 0}, {"", "0", 1},            {".", "0", 1},
-        {"007.3", "7.3", 0},       {"1.3a", nullptr, 0},       {"+1.3", nullptr, 0},
-        {" 1.3", nullptr, 0},      {"1.-3", nullptr, 0},
+        {"1.3.6.1", "1.3.6.1", 1}, {".1.3.6.1", "1.3.6.1", 0}, {"1.3.6.1.", nullptr, 0}, {"1..3", nullptr, 0},
+        {"3.1", nullptr, 1}, {"3.1", "3.1", 0}, {".3.1", nullptr, 0}, {"1.40", nullptr, 1}, {"0.40", nullptr, 1},
+        {"1.39", "1.39", 1}, {"2.40", "2.40", 1}, {"2.4294967295", "2.4294967295", 1}, {"2.4294967296", nullptr, 0},
+        {"", "0", 1}, {".", "0", 1}, {"007.3", "7.3", 0}, {"1.3a", nullptr, 0}, {"+1.3", nullptr, 0},
+        {" 1.3", nullptr, 0}, {"1.-3", nullptr, 0},
     };
     for (const auto& [text, printed, check] : rows) {
         SCOPED_TRACE(string("'") + text + "' " + std::to_string(check));
@@ -61,17 +60,17 @@ TEST(SnmpContainer, OidTextAndOrder) {
     const std::tuple<const char*, const char*, uint32_t, int32_t> order[] = {
         {"1.3.6.1", "1.3.6.1.2", 0, -1}, {"1.3.6.1.2", "1.3.6.1", 0, 1}, {"1.3.6.1", "1.3.6.1.2", 4, 0},
         {"1.3.6.1.2", "1.3.6.1", 4, 0}, {"1.3.5.9", "1.3.6.1", 4, -1}, {"1.3.7", "1.3.6.1", 4, 1},
-        {"1.3.6", "1.3.6.1", 4, -1}, {"1.3.6.1", "1.3.6.1", 0, 0}, {"1.3", "1.3.6", 5, -1},
-        {"2.4294967295", "2.1", 0, 1}};
+        {"1.3.6", "1.3.6.1", 4, -1}, {"1.3.6.1", "1.3.6.1", 0, 0}, {"1.3", "1.3.6", 5, -1}, {"2.4294967295", "2.1", 0, 1}};
     for (const auto& [a, b, n, sign] : order) {
         SCOPED_TRACE(string(a) + " vs " + b + " n " + std::to_string(n));
         EXPECT_EQ(snmp_compare_oid_subids(oid(a).get(), oid(b).get(), n), sign);
     }
     Owned a = oid("1.3"), number(snmp_create_value_container("\7", 1, SNMP_TAG_INTEGER, 0));
-    EXPECT_EQ(snmp_compare_oid_subids(a.get(), number.get(), 0), SNMP_ERR_NOT_OID);
-    EXPECT_EQ(snmp_compare_oid_subids(nullptr, a.get(), 0), SNMP_ERR_NOT_OID);
     uint32_t sub = 0;
-    EXPECT_EQ(snmp_oid_next_subid(a.get(), &sub, 1) + snmp_oid_next_subid(a.get(), &sub, 2), -1);
+    EXPECT_EQ(std::vector<int>({snmp_compare_oid_subids(a.get(), number.get(), 0),
+                                snmp_compare_oid_subids(nullptr, a.get(), 0), snmp_oid_next_subid(a.get(), &sub, 1),
+                                snmp_oid_next_subid(a.get(), &sub, 2)}),
+              std::vector<int>({SNMP_ERR_NOT_OID, SNMP_ERR_NOT_OID, 0, -1}));
     EXPECT_EQ(sub, 3u);
     EXPECT_EQ(snmp_oid_to_string(number.get()), nullptr);
 }
@@ -82,12 +81,8 @@ TEST(SnmpContainer, StoredValues) {
     const char* twenty = "ABCDEFGHIJKLMNOPQRST";
     const int16_t minus129 = -129;
     const uint32_t words[2] = {1, 2};
-    const struct {
-        const void* value;
-        uint32_t len;
-        uint8_t tag;
-        string shown;  // null: refused
-    } rows[] = {
+    // Input, its length, the tag, and the value shown ("": refused).
+    const std::tuple<const void*, uint32_t, uint8_t, string> rows[] = {
         {"\x07\0\0\0", 4, 0x02, "h9 02:7"},       {"x", 1, 0x04, "h9 04:78"},
         {twenty, 20, 0x44, "h9 44:4142434445464748494A4B4C4D4E4F5051525354"},
         {"", 0, 0x04, "h9 04:"},                  {"1.3.6.1.4", 0, 0x06, "h9 06:1.3.6.1.4"},
@@ -98,13 +93,12 @@ TEST(SnmpContainer, StoredValues) {
         {twenty, 3, 0x02, ""},                    {twenty, 4, 0x46, ""},
         {twenty, 4, 0x03, ""},                    {"5.1", 0, 0x06, ""}, {nullptr, 3, 0x04, ""},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.shown);
-        Owned c = oid("1.3.6.1.2.1.1.1.0.5"), fresh(snmp_create_value_container(row.value, row.len, row.tag, 9));
-        EXPECT_EQ(adopt(c, snmp_replace_container_value(c.get(), row.value, row.len, row.tag, 9)),
-                  !row.shown.empty());
-        EXPECT_EQ(lib_render::value(c.get()), row.shown.empty() ? "06:1.3.6.1.2.1.1.1.0.5" : row.shown);
-        EXPECT_EQ(lib_render::value(fresh.get()), row.shown.empty() ? "-" : row.shown);
+    for (const auto& [value, len, tag, shown] : rows) {
+        SCOPED_TRACE(shown);
+        Owned c = oid("1.3.6.1.2.1.1.1.0.5"), fresh(snmp_create_value_container(value, len, tag, 9));
+        EXPECT_EQ(adopt(c, snmp_replace_container_value(c.get(), value, len, tag, 9)), !shown.empty());
+        EXPECT_EQ(lib_render::value(c.get()), shown.empty() ? "06:1.3.6.1.2.1.1.1.0.5" : shown);
+        EXPECT_EQ(lib_render::value(fresh.get()), shown.empty() ? "-" : shown);
     }
 }
 
@@ -154,38 +148,29 @@ TEST(SnmpUtil, PrintableForms) {
         binary_hex += lib_render::fmt("%2.2x", static_cast<uint8_t>(i * 7));
     }
     const string max = word(0xFFFFFFFFu);
-    const struct {
-        string bytes;  // OID text for 0x06
-        uint8_t tag, hint;
-        int32_t flag;
-        string shown;
-    } rows[] = {
-        {word(1), 0x02, 8, 0, "active (1)"}, {word(9), 0x02, 8, 0, "unknown/other (9)"},
-        {word(6), 0x02, 8, 1, "6"}, {word(1), 0x02, 4, 0, "true (1)"},
-        {max, 0x02, 4, 0, "unknown/other (-1)"}, {word(4), 0x02, 23, 0, "permanent (4)"},
-        {word(123456), 0x43, 0, 0, "123456 - 20 minutes, 34.56 seconds"},
-        {word(0), 0x43, 0, 0, "0 - 0.00 seconds"}, {word(360000), 0x43, 0, 1, "360000"},
+    // Contents (OID text for 0x06), tag, hint, flag, and the text.
+    const std::tuple<string, uint8_t, uint8_t, int32_t, string> rows[] = {
+        {word(1), 0x02, 8, 0, "active (1)"}, {word(9), 0x02, 8, 0, "unknown/other (9)"}, {word(6), 0x02, 8, 1, "6"},
+        {word(1), 0x02, 4, 0, "true (1)"}, {max, 0x02, 4, 0, "unknown/other (-1)"}, {word(360000), 0x43, 0, 1, "360000"},
+        {word(4), 0x02, 23, 0, "permanent (4)"}, {word(123456), 0x43, 0, 0, "123456 - 20 minutes, 34.56 seconds"},
         {max, 0x43, 0, 0, "4294967295 - 497 days, 2 hours, 27 minutes, 52.95 seconds"},
-        {word(6000), 0x02, 9, 0, "6000 - 1 minutes, 0.00 seconds"},
-        {word(0xFFFFFFFBu), 0x02, 10, 1, "-5"}, {"\x0A\x00\x00\x01"s, 0x40, 0, 0, "10.0.0.1"},
-        {max, 0x42, 0, 0, "4294967295"}, {max, 0x02, 0, 0, "-1"},
-        {word(1) + word(2), 0x46, 0, 0, "1.2"}, {"abc", 0x04, 0, 0, "abc"},
-        {"a\0b"s, 0x04, 0, 0, "'610062'h"}, {"abc\0"s, 0x04, 1, 0, "abc"},
-        {"a\r\nb", 0x04, 0, 0, "a\r\nb"}, {"a\rb", 0x04, 0, 0, "'610d62'h"},
-        {"a\x80", 0x44, 0, 0, "'6180'h"}, {binary, 0x04, 1, 0, binary_hex + "'h"},
-        {"\x00\x0D\x60\x1F\x2A\x3B"s, 0x04, 3, 0, "00:0d:60:1f:2a:3b"}, {"\xAB", 0x04, 2, 0, "ab"},
+        {word(6000), 0x02, 9, 0, "6000 - 1 minutes, 0.00 seconds"}, {word(0xFFFFFFFBu), 0x02, 10, 1, "-5"},
+        {"\x0A\x00\x00\x01"s, 0x40, 0, 0, "10.0.0.1"}, {max, 0x42, 0, 0, "4294967295"}, {max, 0x02, 0, 0, "-1"},
+        {word(1) + word(2), 0x46, 0, 0, "1.2"}, {"a\0b"s, 0x04, 0, 0, "'610062'h"}, {"abc\0"s, 0x04, 1, 0, "abc"},
+        {"a\r\nb", 0x04, 0, 0, "a\r\nb"}, {"a\rb", 0x04, 0, 0, "'610d62'h"}, {"a\x80", 0x44, 0, 0, "'6180'h"},
+        {binary, 0x04, 1, 0, binary_hex + "'h"}, {"\xAB", 0x04, 2, 0, "ab"},
+        {"\x00\x0D\x60\x1F\x2A\x3B"s, 0x04, 3, 0, "00:0d:60:1f:2a:3b"},
         {"\x07\xD6\x04\x0D\x09\x1E\x31\x00\x2B\x02\x00"s, 0x04, 11, 0, "2006-4-13,9:30:49.0,UTC+2:0"},
         {"\x07\xD6\x04\x0D\x09\x1E\x31\x05", 0x04, 11, 0, "2006-4-13,9:30:49.5"},
         {"\x07\xD6\x04", 0x04, 11, 0, "2006-4-0,0:0:0.0"}, {"", 0x81, 0, 0, "noSuchInstance"},
         {"", 0x80, 0, 0, "noSuchObject"}, {"", 0x82, 0, 0, "endOfMibView"}, {"", 0x05, 0, 0, ""},
         {"1.3.6.1.4.1.2.2.1.1.1.0", 0x06, 0, 0, "1.3.6.1.4.1.2.2.1.1.1.0"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.shown);
-        Owned c(snmp_create_value_container(row.bytes.c_str(), uint32_t(row.bytes.size()), row.tag,
-                                            row.hint));
-        char* out = snmp_value_to_string_format(c.get(), row.flag);
-        EXPECT_EQ(out != nullptr ? string(out) : "<null>", row.shown);
+    for (const auto& [bytes, tag, hint, flag, shown] : rows) {
+        SCOPED_TRACE(shown);
+        Owned c(snmp_create_value_container(bytes.c_str(), uint32_t(bytes.size()), tag, hint));
+        char* out = snmp_value_to_string_format(c.get(), flag);
+        EXPECT_EQ(out != nullptr ? string(out) : "<null>", shown);
         std::free(out);
     }
     EXPECT_EQ(snmp_value_to_string_format(Owned(snmp_create_container(1, 1)).get(), 0), nullptr);
@@ -195,58 +180,40 @@ TEST(SnmpUtil, PrintableForms) {
     const snmp_net_addr a[] = {{6, {{127, 0, 0, 1}}, {0, 161}}, {1, {{127, 0, 0, 1}}, {0, 161}},
                                {6, {{127, 0, 0, 1}}, {0, 162}}, {13, {{0xFD, 0xFF, 0xFF, 0xFF}}, {1}},
                                {13, {{0xFD, 0xFF, 0xFF, 0xFF}}, {2}}, {2, {}, {}}};
-    EXPECT_EQ(std::vector<int>({snmp_compare_net_addr(a, a), snmp_compare_net_addr(a, a + 1),
-                                snmp_compare_net_addr(a, a + 2), snmp_compare_net_addr(a + 3, a + 4),
-                                snmp_compare_net_addr(a + 5, a + 5), snmp_compare_net_addr(a, nullptr)}),
-              std::vector<int>({0, -1, -1, 0, -2, -1}));
     string shown;
-    for (const snmp_net_addr* p : {a, a + 1, a + 3, a + 5, (const snmp_net_addr*)nullptr}) {
-        shown += string(snmp_net_addr_to_string(p)) + "|";
+    for (const auto& [x, y] :
+         {std::pair{a, a}, {a, a + 1}, {a, a + 2}, {a + 3, a + 4}, {a + 5, a + 5}, {a, nullptr}}) {
+        shown += std::to_string(snmp_compare_net_addr(x, y)) + " " + snmp_net_addr_to_string(y) + "|";
     }
-    EXPECT_EQ(shown, "TCP 127.0.0.1 port 161|UDP 127.0.0.1 port 161|UNIX file descriptor -3.|"
-                     "Unknown domain|Null ptr|");
+    EXPECT_EQ(shown, "0 TCP 127.0.0.1 port 161|-1 UDP 127.0.0.1 port 161|-1 TCP 127.0.0.1 port 162|"
+                     "0 UNIX file descriptor -3.|-2 Unknown domain|-1 Null ptr|");
     EXPECT_EQ(snmp_is_nvt_ascii(reinterpret_cast<const uint8_t*>("a\r\0b\r"), 5), 0);  // CR at the end
     uint8_t* copy = snmp_get_native_copy(nullptr, 0);  // still a terminated buffer
     EXPECT_EQ(copy[0], 0);
     std::free(copy);
 }
 
+// The dump's layout, and what each environment variable sets at start (null: unset).
 TEST(SnmpDebug, DumpSwitchesAndPaths) {
     const uint8_t bytes[17] = {0xF0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 0xFF, 0x10};
     testing::internal::CaptureStdout();
     dump_bfr(bytes, 17, "pkt");
     dump_bfr(bytes, -1, "none");
+    snmp_debug_printf = snmp_debug_dump = 0;
+    const char* const names[] = {"SNMP_PRINTF", "SNMP_ERROR", "SNMP_DUMP"};
+    const char* const envs[4][3] = {{"0", nullptr, "0"}, {"abc", "0", "-3x"}, {"99999999999"}, {}};
+    for (const auto& env : envs) {
+        for (int i = 0; i < 3; i++) {
+            env[i] != nullptr ? setenv(names[i], env[i], 1) : unsetenv(names[i]);
+        }
+        snmp_debug_init();
+        std::printf("%d %d %d\n", snmp_debug_printf, snmp_debug_error, snmp_debug_dump);
+    }
     std::fflush(stdout);
+    const string banner = string(snmp_get_ptr_to_version()) + "\n", last = banner + "2147483647 0 -3\n";
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "Dump of 17 byte pkt:\n  f0 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e ff\n  10 \n"
-              "Dump of -1 byte none:\n  \n");
-    const struct {
-        const char* env[3];  // SNMP_PRINTF, SNMP_ERROR, SNMP_DUMP; null: unset
-        int32_t after[3];
-        bool banner;
-    } rows[] = {
-        {{}, {0, 1, 0}, false}, {{nullptr, "2", nullptr}, {0, 2, 0}, true},
-        {{"0", "1", "0"}, {0, 1, 0}, false}, {{"abc", "0", "-3x"}, {0, 0, -3}, true},
-        {{"99999999999", nullptr, nullptr}, {INT32_MAX, 1, 0}, true},
-    };
-    const char* const names[] = {"SNMP_PRINTF", "SNMP_ERROR", "SNMP_DUMP"};
-    for (const auto& row : rows) {
-        snmp_debug_printf = snmp_debug_dump = 0;
-        snmp_debug_error = 1;
-        for (int i = 0; i < 3; ++i) {
-            row.env[i] != nullptr ? setenv(names[i], row.env[i], 1) : unsetenv(names[i]);
-        }
-        testing::internal::CaptureStdout();
-        snmp_debug_init();
-        std::fflush(stdout);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  row.banner ? string(snmp_get_ptr_to_version()) + "\n" : "");
-        EXPECT_EQ(std::vector<int32_t>({snmp_debug_printf, snmp_debug_error, snmp_debug_dump}),
-                  std::vector<int32_t>(row.after, row.after + 3));
-    }
-    for (const char* name : names) {
-        unsetenv(name);
-    }
+              "Dump of -1 byte none:\n  \n0 1 0\n" + banner + "0 0 -3\n" + last + last);
     // Any backslash makes it the only separator.
     EXPECT_EQ(string(snmp_strip_path("c:\\src/sub\\file.c")) + snmp_strip_path("a/x.c"), "file.cx.c");
 }

@@ -1,17 +1,17 @@
 // The SNMPv1 and SMUX codecs with their BER primitives, as rows: bytes in, the fields they
 // carry out, the same bytes back from the encoder, and every truncation refused. SNMP PDUs
-// travel over SMUX unchanged, so most BER cases ride in a GetResponse.
+// travel over SMUX unchanged, so the BER cases (lengths too) ride in a GetResponse.
 #include "snmp_ed.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "lib_render.h"
 #include "smux_ed.h"
-#include "snmp_asn1.h"
 #include "snmp_container.h"
 #include "vx_peers.h"
 
@@ -64,11 +64,10 @@ struct Message {
     }
 };
 
-vx_bytes smux_encode(smux_pdu* record, int* rc) {
+vx_bytes smux_encode(smux_pdu* record) {  // empty when refused
     uint8_t* start = nullptr;
     uint32_t len = 0;
-    *rc = smux_encode_message(&start, &len, record);
-    return *rc == OK ? vx_bytes(start, start + len) : vx_bytes();
+    return smux_encode_message(&start, &len, record) == OK ? vx_bytes(start, start + len) : vx_bytes();
 }
 
 struct Row {
@@ -93,9 +92,8 @@ void check(const Row& row) {
         return;
     }
     EXPECT_EQ(fields(), row.fields);
-    int rc = OK;
-    vx_bytes again = row.codec == 'S' ? smux_encode(p, &rc) : wire;
-    ASSERT_EQ(rc, OK);
+    vx_bytes again = row.codec == 'S' ? smux_encode(p) : wire;
+    ASSERT_FALSE(again.empty());
     if (row.canonical) {
         EXPECT_EQ(vx_to_hex(again), vx_to_hex(wire));
         if (row.codec == 'M') {
@@ -118,44 +116,20 @@ TEST(Smux, Vectors) {
     const string open = "020100 06092B06010401868D1F01 04026162 0400";
     const Row rows[] = {
         {"Open", 'S', tlv("60", open), OK, "60 v0 1.3.6.1.4.1.99999.1 'ab' ''"},
-        {"Open version 1", 'S', tlv("60", "020101" + open.substr(6)), MAL},
-        {"Open without password", 'S', tlv("60", open.substr(0, open.size() - 4)), MAL},
-        {"Open description of 255", 'S', tlv("60", "020100 06032B0601" + tlv("04", rep("64", 255)) + "0400"),
-         OK, "60 v0 1.3.6.1 '" + string(255, 'd') + "' ''"},
         {"Open description of 256", 'S', tlv("60", "020100 06032B0601" + tlv("04", rep("64", 256)) + "0400"),
          SNMP_CODEC_NO_ROOM},
-        {"Open password of 256 as NULL", 'S', tlv("60", "020100 06032B0601 0400" + tlv("05", rep("70", 256))),
-         SNMP_CODEC_NO_ROOM},
         {"RReq", 'S', "620E 06062B0601020101 0201FF 020102", OK, "62 1.3.6.1.2.1.1 pri-1 op2"},
-        {"RReq priority as OCTET STRING", 'S', "620E 06062B0601020101 0401FF 020102", MAL},
         {"Close", 'S', "410102", OK, "41 2"}, {"SOut rollback", 'S', "440101", OK, "44 1"},
-        {"RRsp -1", 'S', "4301FF", OK, "43 -1"},
         {"RRsp -1 in four octets", 'S', "4304FFFFFFFF", OK, "43 -1", false},
-        {"empty Close is 0", 'S', "4100", OK, "41 0", false},
-        {"Close indefinite", 'S', "41800000", MAL},
+        {"empty Close is 0", 'S', "4100", OK, "41 0", false}, {"Close indefinite", 'S', "41800000", MAL},
         {"GetResponse without a varBind list", 'S', tlv("A2", kFields), OK, "A2 id1 st0 ix0", false},
         {"Trap without a varBind list", 'S', tlv("A4", kTrap), OK, "A4 1.3.6.1.4.1.99999 10.0.0.2 g6 s17 t7", false},
         {"GetResponse with an error", 'S', "A20B 0201FB 020105 020103 3000", OK, "A2 id-5 st5 ix3"},
-        {"Get as the master writes it", 'S',
-         "A082001A 020107 020100 020100 3082000D 3082000906820003 2B0601 0500", OK,
-         "A0 id7 st0 ix0 1.3.6.1=05:", false},
-        {"GetNext", 'S', tlv("A1", "02020100 020100 020100" + vbs(1)), OK,
-         "A1 id256 st0 ix0 1.3.6=05:"},
-        {"Set", 'S', tlv("A3", kFields + tlv("30", "3009 06032B0601 02020100")), OK,
-         "A3 id1 st0 ix0 1.3.6.1=02:256"},
         {"Trap", 'S', tlv("A4", kTrap + tlv("30", "3008 06032B0601 430107")), OK,
          "A4 1.3.6.1.4.1.99999 10.0.0.2 g6 s17 t7 1.3.6.1=43:7"},
         {"Trap agent-addr as OCTET STRING", 'S', tlv("A4", "06012B 04040A000002 020106 020111 430107 3000"), MAL},
-        {"Trap time-stamp as INTEGER", 'S', tlv("A4", "06012B 40040A000002 020106 020111 020107 3000"), MAL},
-        {"GetBulk", 'S', tlv("A5", kFields + "3000"), UNKNOWN}, {"SEQUENCE", 'S', "3000", UNKNOWN},
-        {"application 45", 'S', "450100", UNKNOWN}, {"high tag number", 'S', "3F00", MAL},
-        {"PDU past the input", 'S', "A20C 020101 020100 020100 3000", MAL},
-        {"request-id as OCTET STRING", 'S', tlv("A0", "040101 020100 020100 3000"), MAL},
-        {"varBind list as SET", 'S', tlv("A0", kFields + "3100"), MAL},
-        {"varBind longer than its list", 'S', tlv("A0", kFields + "3003 3007 06032B0601 0500"), MAL},
+        {"GetBulk", 'S', tlv("A5", kFields + "3000"), UNKNOWN}, {"high tag number", 'S', "3F00", MAL},
         {"name as OCTET STRING", 'S', tlv("A0", kFields + "3009 3007 04032B0601 0500"), MAL},
-        {"GetRequest", 'M', tlv("30", "020100 0406" + rep("63", 6) + tlv("A0", kFields + vbs(1))),
-         OK, "v0 'cccccc' A0 id1 st0 ix0 1.3.6=05:"},
         {"Trap message", 'M', tlv("30", "020100 0401 63" + tlv("A4", kTrap + vbs(2))), OK,
          "v0 'c' A4 1.3.6.1.4.1.99999 10.0.0.2 g6 s17 t7 1.3.6=05: 1.3.6=05:"},
         {"community of 15 fits", 'M', tlv("30", "020100 040F" + rep("63", 15) + tlv("A0", kFields + vbs(3))),
@@ -164,43 +138,36 @@ TEST(Smux, Vectors) {
          SNMP_CODEC_NO_ROOM},
         {"as many varBinds as the storage", 'M', tlv("30", "020100 0400" + tlv("A0", kFields + vbs(4))),
          SNMP_CODEC_TOO_MANY},
-        {"version 1 is read", 'M', tlv("30", "020101 0400" + tlv("A0", kFields + vbs(1))), OK,
-         "v1 '' A0 id1 st0 ix0 1.3.6=05:", false},
         {"not a SEQUENCE", 'M', "3103020100", MAL},
         {"version not an INTEGER", 'M', tlv("30", "040100 0400" + tlv("A0", kFields + vbs(1))), MAL},
-        {"community as NULL", 'M', tlv("30", "020100 0500" + tlv("A0", kFields + vbs(1))), MAL},
         {"PDU of unknown type", 'M', tlv("30", "020100 0400" + tlv("A5", kFields + vbs(1))), MAL},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         check(row);
     }
-    // Values inside a GetResponse: their fields, or "" for refused.
-    const struct {
-        string value, shown;
-        bool canonical = true;
-    } values[] = {
-        {"020100", "02:0"}, {"02017F", "02:127"}, {"02020080", "02:128"}, {"0201FF", "02:-1"},
-        {"020180", "02:-128"}, {"0202FF7F", "02:-129"}, {"0203008000", "02:32768"},
-        {"0204FF7FFFFF", "02:-8388609"}, {"020480000000", "02:-2147483648"},
-        {"020500FFFFFFFF", "02:-1", false}, {"0200", "02:0", false}, {"02810105", "02:5", false},
+    // Values in a GetResponse: their fields ("~" first: written back otherwise), "" refused.
+    const std::pair<string, string> values[] = {
+        {"020100", "02:0"}, {"02017F", "02:127"}, {"02020080", "02:128"}, {"0201FF", "02:-1"}, {"020180", "02:-128"},
+        {"0202FF7F", "02:-129"}, {"0203008000", "02:32768"}, {"0204FF7FFFFF", "02:-8388609"},
+        {"020480000000", "02:-2147483648"}, {"020500FFFFFFFF", "~02:-1"}, {"0200", "~02:0"}, {"02810105", "~02:5"},
         {"0280050000", ""}, {"41050080000000", "41:2147483648"}, {"42020080", "42:128"},
-        {"430500FFFFFFFF", "43:4294967295"}, {"4304FFFFFFFF", "43:4294967295", false},
-        {"0403616263", "04:616263"}, {"0400", "04:"}, {"0481026162", "04:6162", false},
-        {"44020102", "44:0102"}, {"40040A000001", "40:10.0.0.1"}, {"40050102030405", ""},
-        {"0500", "05:"}, {"050100", ""}, {"06032B0601", "06:1.3.6.1"}, {"0600", "06:"},
-        {"06017F", "06:2.47"}, {"060128", "06:1.0"}, {"060127", "06:0.39"},
-        {"0603813403", "06:2.100.3"}, {"06032B8100", "06:1.3.128"},
-        {"06042B818000", "06:1.3.16384"}, {"06062B8FFFFFFF7F", "06:1.3.4294967295"},
-        {"06022B86", ""}, {"460101", ""}, {"8000", ""}, {"030100", ""}, {"020200", ""}, {"", ""},
-        {"06072B9FFFFFFFFF7F", "06:1.3.4294967295", false},  // the low 32 bits
+        {"430500FFFFFFFF", "43:4294967295"}, {"4304FFFFFFFF", "~43:4294967295"}, {"0403616263", "04:616263"},
+        {"0481026162", "~04:6162"}, {"048400000003616263", "~04:616263"}, {"44020102", "44:0102"},
+        {"40040A000001", "40:10.0.0.1"}, {"40050102030405", ""}, {"0500", "05:"}, {"050100", ""},
+        {"06032B0601", "06:1.3.6.1"}, {"0600", "06:"}, {"06017F", "06:2.47"}, {"060128", "06:1.0"},
+        {"060127", "06:0.39"}, {"0603813403", "06:2.100.3"}, {"06032B8100", "06:1.3.128"},
+        {"06042B818000", "06:1.3.16384"}, {"06062B8FFFFFFF7F", "06:1.3.4294967295"}, {"06022B86", ""},
+        {"460101", ""}, {"8000", ""}, {"030100", ""}, {"020200", ""}, {"", ""},
+        {"06072B9FFFFFFFFF7F", "~06:1.3.4294967295"},  // the low 32 bits
         {tlv("04", rep("61", 128)), "04:" + rep("61", 128)},
         {tlv("04", rep("62", 256)), "04:" + rep("62", 256)},
     };
-    for (const auto& v : values) {
-        SCOPED_TRACE(v.value);
-        check({"value", 'S', resp(v.value), v.shown.empty() ? MAL : OK,
-               "A2 id1 st0 ix0 1.3.6.1=" + v.shown, v.canonical});
+    for (const auto& [value, shown] : values) {
+        SCOPED_TRACE(value);
+        const bool canonical = shown.empty() || shown[0] != '~';
+        check({"value", 'S', resp(value), shown.empty() ? MAL : OK,
+               "A2 id1 st0 ix0 1.3.6.1=" + shown.substr(canonical ? 0 : 1), canonical});
     }
     smux_pdu* p = nullptr;
     snmp_free_pdu(nullptr, 1);  // null records and arguments are refused, not dereferenced
@@ -221,38 +188,31 @@ TEST(Smux, EncodeRefusals) {
         snmp_container_subids(c)[at] = v;
         return c;
     };
-    auto value = [](uint8_t tag, const char* bytes = nullptr, uint32_t len = 0) {
-        return snmp_create_value_container(bytes, len, tag, 0);
-    };
+    auto value = [](uint8_t tag, uint32_t len = 0) { return snmp_create_value_container("12345678", len, tag, 0); };
     snmp_container* constructed = value(5);
     constructed->tag = 0x30;
-    const struct {
-        uint8_t type;
-        int32_t version;
-        snmp_container* oid;
-        int code;
-        snmp_varBind vb = {};
-    } rows[] = {
-        {0x60, 1, id, SNMP_CODEC_INCOMPLETE}, {0x60, 0, nullptr, BAD}, {0x62, 0, nullptr, BAD},
-        {0xA2, 0, id, BAD}, {0xA4, 0, id, BAD}, {0xA5, 0, id, UNKNOWN},
+    // Type, version, OID, the code, the only varBind (none: no PDU).
+    const std::tuple<uint8_t, int32_t, snmp_container*, int, snmp_varBind> rows[] = {
+        {0x60, 1, id, SNMP_CODEC_INCOMPLETE, {}}, {0x60, 0, nullptr, BAD, {}}, {0x62, 0, nullptr, BAD, {}},
+        {0xA2, 0, id, BAD, {}}, {0xA4, 0, id, BAD, {}}, {0xA5, 0, id, UNKNOWN, {}},
         {0xA2, 0, id, SNMP_CODEC_INCOMPLETE, {oid("1.3"), nullptr}},
-        {0xA2, 0, id, BAD, {value(2, "1", 1), value(5)}},  // name not an OID
-        {0xA2, 0, id, BAD, {oid("1.3"), value(0x46, "12345678", 8)}},
+        {0xA2, 0, id, BAD, {value(2, 1), value(5)}},  // name not an OID
+        {0xA2, 0, id, BAD, {oid("1.3"), value(0x46, 8)}}, {0xA2, 0, id, BAD, {oid("1.3"), constructed}},
         {0xA2, 0, id, BAD_OID, {oid("1.3", 1, 40), value(5)}}, {0xA2, 0, id, BAD_OID, {oid("0.3.1", 1, 40), value(5)}},
-        {0xA2, 0, id, BAD_OID, {oid("1.3", 0, 3), value(5)}}, {0xA2, 0, id, BAD, {oid("1.3"), constructed}},
+        {0xA2, 0, id, BAD_OID, {oid("1.3", 0, 3), value(5)}},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(&row - rows);
+    for (const auto& [type, version, name, code, vb] : rows) {
+        SCOPED_TRACE(lib_render::fmt("%02X ", type) + lib_render::value(vb.name) + " " + lib_render::value(vb.value));
         smux_pdu record{};
-        record.type = row.type;
-        record.version = row.version;
-        record.oid = row.oid;
-        snmp->varBinds[0] = row.vb;
+        record.type = type;
+        record.version = version;
+        record.oid = name;
+        snmp->varBinds[0] = vb;
         snmp->varBind_count = 1;
-        record.snmp = row.vb.name != nullptr ? snmp : nullptr;
+        record.snmp = vb.name != nullptr ? snmp : nullptr;
         uint8_t* start = nullptr;
         uint32_t length = 99;
-        EXPECT_EQ(smux_encode_message(&start, &length, &record), row.code);
+        EXPECT_EQ(smux_encode_message(&start, &length, &record), code);
         EXPECT_TRUE(start == nullptr && length == 99);
         snmp_free_varBinds(snmp->varBinds, 1);
     }
@@ -260,26 +220,17 @@ TEST(Smux, EncodeRefusals) {
     snmp_free_container(id);
 }
 
-// The static record is decoded into again and again: its containers are recycled across
-// kinds and sizes (the sanitizers report any block lost or overrun on the way), and a
-// display hint the handler set on its answer does not survive into the next request. The
-// limits on varBinds and the trap's rules come last.
+// The static record the value rows above share: a display hint the handler set on its answer
+// does not survive into the next request. The limits on varBinds and the trap's rules.
 TEST(Smux, RecyclesTheRecord) {
     smux_pdu* p = nullptr;
-    int rc = OK;
     auto decode = [&](const string& h) { return smux_decode_message(hex(h).data(), uint32_t(hex(h).size()), &p); };
     ASSERT_EQ(decode(resp("0500")), OK);
     const int32_t answer = 42;
     p->snmp->varBinds[0].value = snmp_replace_container_value(p->snmp->varBinds[0].value, &answer, 4, 2, 9);
-    EXPECT_EQ(vx_to_hex(smux_encode(p, &rc)), vx_to_hex(hex(resp("02012A"))));
-    for (const string& v : {tlv("04", rep("61", 20)), string("0403626263"), string("020105"),
-                           string("060D2B06010401868D1F0102030405"), string("40040102030A"),
-                           string("0400"), string("0500"), string("060100"), string("0401FF")}) {
-        SCOPED_TRACE(v);
-        ASSERT_EQ(decode(resp(v)), OK);
-        EXPECT_EQ(vx_to_hex(smux_encode(p, &rc)), vx_to_hex(hex(resp(v))));
-        EXPECT_EQ(p->snmp->varBinds[0].value->hint, 0);
-    }
+    EXPECT_EQ(vx_to_hex(smux_encode(p)), vx_to_hex(hex(resp("02012A"))));
+    ASSERT_EQ(decode(resp("0403626263")), OK);
+    EXPECT_EQ(p->snmp->varBinds[0].value->hint, 0);
     // One varBind beyond the limit is taken, two are not; a Counter64 is left out of a trap.
     const string trap = "06012B 400400000000 020106 020100 430100";
     EXPECT_EQ(decode(tlv("A0", kFields + vbs(SMUX_MAX_VARBINDS))), OK);
@@ -287,26 +238,8 @@ TEST(Smux, RecyclesTheRecord) {
     EXPECT_EQ(decode(tlv("A4", trap + vbs(SMUX_MAX_TRAP_VARBINDS + 1))), SNMP_CODEC_TOO_MANY);
     ASSERT_EQ(decode(tlv("A4", trap + vbs(SMUX_MAX_TRAP_VARBINDS))), OK);
     p->trap->varBinds[0].value = snmp_replace_container_value(p->trap->varBinds[0].value, "12345678", 8, 0x46, 0);
-    ASSERT_EQ(decode(vx_to_hex(smux_encode(p, &rc))), OK);
+    ASSERT_EQ(decode(vx_to_hex(smux_encode(p))), OK);
     EXPECT_EQ(lib_render::smux(p), "A4 1.3 0.0.0.0 g6 s0 t0" + rep(" 1.3.6=05:", SMUX_MAX_TRAP_VARBINDS - 1));
-}
-
-// Length octets in every form, both ways; the writer wants five free bytes whatever the length.
-TEST(Asn1, Lengths) {
-    for (const auto& [h, len] : {std::pair<string, uint32_t>{"00", 0}, {"7F", 127}, {"8180", 128},
-                                 {"820100", 256}, {"83010000", 65536}, {"84FFFFFFFF", 0xFFFFFFFFu}}) {
-        SCOPED_TRACE(h);
-        const vx_bytes in = hex(h);
-        uint8_t area[5];
-        uint32_t room = 5, octets = 0, got = 0;
-        uint8_t* p = asn_encode_len_reverse(area + 5, &room, len);
-        EXPECT_EQ(vx_to_hex(p != nullptr ? vx_bytes(p, area + 5) : vx_bytes()), vx_to_hex(in));
-        EXPECT_EQ(asn_readlen(in.data(), &octets), len);
-        EXPECT_EQ(asn_decode_length(in.data(), &got), in.data() + in.size());
-        EXPECT_EQ(std::vector<uint32_t>({got, octets, room}), std::vector<uint32_t>({len, uint32_t(in.size()), 5 - octets}));
-        room = 4;
-        EXPECT_EQ(asn_encode_len_reverse(area + 5, &room, len), nullptr);
-    }
 }
 
 }  // namespace
