@@ -32,15 +32,18 @@ vx_bytes be32(uint32_t v) {
 }
 
 // The played subagent's objects: S.1.0 a Counter64, S.2.0 an OBJECT IDENTIFIER, S.3.0 an
-// Integer32 (one-digit arcs: text order is OID order). It answers a SET with `refusal` (a DPI
-// error code), COMMIT and UNDO with success, and notes them all in `set_steps`.
-uint8_t refusal = 0;
+// Integer32 (one-digit arcs: text order is OID order). It answers a SET with `refusal` and a
+// COMMIT with `commit_refusal` (DPI error codes), UNDO with success, and notes them all in
+// `set_steps`.
+uint8_t refusal = 0, commit_refusal = 0;
 std::vector<uint8_t> set_steps;
 
 vx_bytes objects(const vx_dpi_msg& m) {
     if (m.type == DPI_SET || m.type == DPI_COMMIT || m.type == DPI_UNDO) {
         set_steps.push_back(m.type);
-        return vx_dpi_response(m.packet_id, m.type == DPI_SET ? refusal : 0);
+        return vx_dpi_response(m.packet_id, m.type == DPI_SET      ? refusal
+                                            : m.type == DPI_COMMIT ? commit_refusal
+                                                                   : 0);
     }
     const std::string oid = S + ".7";
     const struct {
@@ -395,6 +398,39 @@ TEST_F(AgentX, UnderAPlayedMaster) {
     ASSERT_TRUE(ask(AGENTX_GET_PDU, {s2}, 52));
     EXPECT_EQ(answer_to(50), strings{s1});
     EXPECT_EQ(answer_to(52), strings{s2});
+
+    // A registration the master refuses (duplicateRegistration).
+    ASSERT_EQ(vx_dpi_register_group(&dpi_, "1.3.6.1.4.1.99999.4.", 2), 0);
+    ASSERT_TRUE(next() && pdu_->header.type == AGENTX_REGISTER_PDU);
+    agentx_pdu refused{};
+    refused.header = {1, AGENTX_RESPONSE_PDU, 0, SESSION, 0, pdu_->header.packet_id, 0};
+    refused.error = 263;
+    ASSERT_TRUE(send(&refused));
+
+    // Set phases in an order snmpd never uses: a Commit in no transaction, an Undo right after
+    // the TestSet, and a COMMIT the subagent fails; the error status of each answer.
+    const auto set = [&](uint8_t type, uint32_t packet_id, uint32_t transaction) {
+        agentx_pdu* q = agentx_create_pdu();
+        int32_t five = 5;
+        bool ok = type != AGENTX_TESTSET_PDU ||
+                  agentx_add_varbind(q, snmp_create_oid_container(s3.c_str()),
+                                     snmp_create_value_container(&five, 4, SNMP_TAG_INTEGER, 0)) ==
+                      AGENTX_OK;
+        q->header = {1, type, 0, SESSION, transaction, packet_id, 0};
+        ok = ok && send(q);
+        agentx_free_pdu(q);
+        return type == AGENTX_CLEANUPSET_PDU || !ok || !next() ? -1 : int(pdu_->error);
+    };
+    set_steps.clear();
+    EXPECT_EQ(set(AGENTX_COMMITSET_PDU, 60, 7), 14);  // commitFailed
+    EXPECT_EQ(set(AGENTX_TESTSET_PDU, 61, 8), 0);
+    EXPECT_EQ(set(AGENTX_UNDOSET_PDU, 62, 8), 0);
+    set(AGENTX_CLEANUPSET_PDU, 63, 8);
+    commit_refusal = 5;  // genErr
+    EXPECT_EQ(set(AGENTX_TESTSET_PDU, 64, 9), 0);
+    EXPECT_EQ(set(AGENTX_COMMITSET_PDU, 65, 9), 14);
+    set(AGENTX_CLEANUPSET_PDU, 66, 9);
+    EXPECT_EQ(set_steps, (std::vector<uint8_t>{DPI_SET, DPI_UNDO, DPI_SET, DPI_COMMIT}));
 
     // Stopping: Close with reason shutdown.
     ASSERT_TRUE(vx_signal(&daemon_, SIGTERM));
