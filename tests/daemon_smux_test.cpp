@@ -306,6 +306,8 @@ TEST_F(DaemonWithFakes, DpiFramingAndDroppedSubagents) {
         vx_dpi_msg m;
         EXPECT_TRUE(vx_dpi_next(&sa, &m, 3000) && m.type == SNMP_DPI_RESPONSE);
     }
+    // A group the daemon cannot take as an OID (an arc past 32 bits) is refused.
+    EXPECT_GT(vx_dpi_register_group(&sa, "1.3.99999999999.", 0), 0);
     close(sa.fd);
     expect_rreq(GROUP, 0);
     auto get_of_length = [](size_t length) {

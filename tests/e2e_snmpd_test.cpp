@@ -288,11 +288,12 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
     });
     EXPECT_NE(t.output.find("noSuchName"), std::string::npos) << t.output;
 
-    // A trap with two varBinds reaches the v1 sink whole.
+    // A trap's varBinds reach the v1 sink, less the Counter64 one v1 cannot carry.
     int32_t five = 5;
     dpi_set_packet* vbs =
         mkDPIset_packet(nullptr, SCRIPTED_GROUP, "1.0", DPI_TYPE_Integer32, 4, &five);
     vbs = mkDPIset_packet(vbs, SCRIPTED_GROUP, "2.0", DPI_TYPE_DisplayString, 2, "ok");
+    vbs = mkDPIset_packet(vbs, SCRIPTED_GROUP, "3.0", DPI_TYPE_Counter64, 8, c64.data());
     const unsigned char* trap = mkDPItrape(6, 17, vbs, SCRIPTED);
     ASSERT_NE(trap, nullptr);
     ASSERT_TRUE(vx_send_all(scripted_.fd, vx_bytes(trap, trap + DPI_PACKET_LEN(trap))));
