@@ -404,8 +404,6 @@ done
 regs=()
 if [[ " ${selected[*]} " == *" varnex2 "* ]]; then read -r -a regs <<<"$REGS"; fi
 if [ ${#regs[@]} -gt 0 ]; then
-  echo
-  echo "Registration table growth (varnex2 over SMUX, bulk walks):"
   : >"$work/regs"
   for round in $(seq "$ROUNDS"); do
     for ((k = 0; k < ${#regs[@]}; k++)); do
@@ -468,6 +466,7 @@ awk -v order="${selected[*]}" -v labels="$labels" "$median_awk"'
   }' "$work/results"
 if [ ${#regs[@]} -gt 0 ]; then
   echo
+  echo "Registration table growth (varnex2 over SMUX, bulk walks):"
   awk -v order="${regs[*]}" "$median_awk"'
     { for (i = 3; i <= 6; i++) col[$2, i] = col[$2, i] (col[$2, i] == "" ? "" : " ") $i }
     END {

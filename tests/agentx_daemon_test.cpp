@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <memory>
 
 #include "agentx_ed.h"
 #include "snmp_container.h"
@@ -68,19 +67,10 @@ const std::string TRAP_OID = ".1.3.6.1.6.3.1.1.4.1.0 = OID: .",
 
 // snmp<tool> against snmpd, with the community that may write when the tool is "set".
 strings args(const std::string& tool, const char* version, const strings& rest) {
-    strings argv = {"snmp" + tool, version,    "-c", tool == "set" ? "private" : "public",
-                    "-On",         "-r",       "0",  "-t",
-                    "20",          "127.0.0.1"};
-    argv.insert(argv.end(), rest.begin(), rest.end());
-    return argv;
+    return vx_snmp_args("snmp" + tool, version, tool == "set" ? "private" : "public", rest);
 }
 
 constexpr uint32_t SESSION = 42;
-
-std::string oid_text(const snmp_container* c) {
-    std::unique_ptr<char, decltype(&free)> text(snmp_oid_to_string(c), free);
-    return text ? text.get() : "";
-}
 
 class AgentX : public ::testing::Test {
    protected:
@@ -124,19 +114,7 @@ class AgentX : public ::testing::Test {
     // Runs a tool to its end while the played subagent answers with `answer`: its output, and
     // its exit status in status_.
     std::string run(const strings& argv, const vx_script& answer = objects) {
-        vx_process proc;
-        std::string log = vx_test_dir() + "/tool" + std::to_string(++tools_) + ".log";
-        EXPECT_TRUE(vx_spawn(&proc, argv, log));
-        for (vx_dpi_msg m; vx_alive(&proc);) {
-            if (dpi_.fd >= 0 && vx_dpi_next(&dpi_, &m, 20)) {
-                vx_bytes reply = answer(m);
-                EXPECT_TRUE(reply.empty() || vx_send_all(dpi_.fd, reply));
-            } else if (dpi_.fd < 0 || dpi_.closed) {
-                usleep(20 * 1000);
-            }
-        }
-        status_ = WIFEXITED(proc.status) ? WEXITSTATUS(proc.status) : -1;
-        return vx_read_file(log);
+        return vx_serve_tool(argv, &dpi_, answer, &status_);
     }
 
     // A master played by the test, and the played subagent on the daemon's DPI port.
@@ -152,7 +130,7 @@ class AgentX : public ::testing::Test {
         master_.fd = vx_tcp_accept(listener, 8000);
         close(listener);
         ASSERT_TRUE(next() && pdu_->header.type == AGENTX_OPEN_PDU);
-        EXPECT_EQ(oid_text(pdu_->oid), ME);
+        EXPECT_EQ(vx_oid_text(pdu_->oid), ME);
         ASSERT_TRUE(respond() && registered("1.3.6.1.4.1.2.2.1.1.1"));
         // The played subagent, on the DPI port the daemon's own object gives.
         ASSERT_TRUE(ask(AGENTX_GET_PDU, {PORT_OBJECT}, 1) && next() && pdu_->num_varbinds == 1);
@@ -205,7 +183,7 @@ class AgentX : public ::testing::Test {
 
     bool registered(const std::string& subtree) {
         EXPECT_TRUE(next() && pdu_->header.type == AGENTX_REGISTER_PDU &&
-                    oid_text(pdu_->oid) == subtree && pdu_->header.session_id == SESSION)
+                    vx_oid_text(pdu_->oid) == subtree && pdu_->header.session_id == SESSION)
             << subtree;
         return respond();
     }
@@ -245,7 +223,7 @@ class AgentX : public ::testing::Test {
             const char* mark = tag == SNMP_TAG_END_OF_MIB_VIEW    ? "!"
                                : tag == SNMP_TAG_NO_SUCH_INSTANCE ? "?"
                                                                   : "";
-            out.push_back(oid_text(pdu_->varbinds[i].name) + mark);
+            out.push_back(vx_oid_text(pdu_->varbinds[i].name) + mark);
         }
         return out;
     }
@@ -254,7 +232,7 @@ class AgentX : public ::testing::Test {
     vx_stream dpi_, master_;  // the played subagent and master
     agentx_pdu* pdu_ = agentx_create_pdu();
     std::string trap_log_;
-    int tools_ = 0, status_ = 0;
+    int status_ = 0;
 };
 
 // Reads and walks carry SNMPv2 values; a Set is tried on every subagent before any commits,
@@ -282,8 +260,6 @@ TEST_F(AgentX, ThroughSnmpd) {
          ".2.0 = OID: ." + s + ".7\n." + s + ".3.0 = INTEGER: 3\n", 3, {}},
         {set({level, "i", "42"}), 0, {"INTEGER: 42"}, 1, {}},
         {set({level, "i", "500"}), 0, {"wrongValue"}, 0, {}},
-        {set({e + ".2.0", "i", "1"}), 0, {"notWritable"}, 0, {}},
-        {set({level, "s", "high"}), 0, {"wrongType"}, 0, {}},
         {set({mine, "i", "9", level, "i", "500"}), 0, {failed + level}, 0, {DPI_SET, DPI_UNDO}},
         {set({level, "i", "7", mine, "i", "9"}), 10, {failed + mine}, 0, {DPI_SET}},
         {args("get", "-v2c", {level}), 0, {"INTEGER: 42"}, 1, {}},

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "smux_ed.h"
+#include "snmp_asn1.h"
 #include "snmp_container.h"
 #include "snmp_dpi.h"
 #include "vx_peers.h"
@@ -33,26 +34,11 @@ struct pdu {
     int32_t first_int = -1;  // first varBind's INTEGER value
 };
 
-std::string oid_text(const snmp_container* c) {
-    char* t = snmp_oid_to_string(c);
-    std::string s = t != nullptr ? t : "?";
-    free(t);
-    return s;
-}
-
+// Size of the BER element that starts `b` once all of it is there, else 0.
 size_t ber_whole(const vx_bytes& b) {
-    if (b.size() < 2 || (b[1] > 0x80 && b.size() < 2u + (b[1] & 0x7f))) {
-        return 0;
-    }
-    size_t head = 2, len = b[1];
-    if (b[1] > 0x80) {
-        head += b[1] & 0x7f;
-        len = 0;
-        for (size_t i = 2; i < head; i++) {
-            len = len << 8 | b[i];
-        }
-    }
-    return head + len;
+    uint32_t left = uint32_t(b.size()), len = 0;
+    const uint8_t* p = asn_decode_sub_header(b.data(), &left, &len, nullptr);
+    return p == nullptr ? 0 : size_t(p - b.data()) + len;
 }
 
 vx_bytes encode(smux_pdu* record) {
@@ -128,13 +114,13 @@ class DaemonWithFakes : public ::testing::Test {
             out.type = r->type;
             out.operation = r->operation;
             if (r->type == SMUX_PDU_OPEN || r->type == SMUX_PDU_RREQ) {
-                out.oid = oid_text(r->oid);
+                out.oid = vx_oid_text(r->oid);
                 out.password.assign(r->password, r->password_len);
             } else if (r->snmp != nullptr) {
                 out.request_id = r->snmp->request_id;
                 out.status = r->snmp->error_status;
                 for (uint32_t i = 0; i < r->snmp->varBind_count; i++) {
-                    out.names.push_back(oid_text(r->snmp->varBinds[i].name));
+                    out.names.push_back(vx_oid_text(r->snmp->varBinds[i].name));
                 }
                 const snmp_container* v = r->snmp->varBinds[0].value;
                 if (r->snmp->varBind_count > 0 && v != nullptr && v->tag == SNMP_TAG_INTEGER) {

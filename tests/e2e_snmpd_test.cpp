@@ -22,11 +22,7 @@ constexpr const char* EXAMPLE = "1.3.6.1.4.1.99999.2";
 constexpr const char* SCRIPTED_GROUP = "1.3.6.1.4.1.99999.3.";
 constexpr const char* SCRIPTED = "1.3.6.1.4.1.99999.3";
 constexpr const char* ACCEPTED_TRAP = ".1.3.6.1.4.1.99999.1 Cold Start Trap";
-// What a command-line tool left: its exit status (-1 when it did not end normally) and output.
-struct tool_run {
-    int status = -1;
-    std::string output;
-};
+constexpr auto& args = vx_snmp_args;
 
 class EndToEnd : public ::testing::Test {
    protected:
@@ -64,48 +60,15 @@ class EndToEnd : public ::testing::Test {
         }
     }
 
-    static int tool(const std::vector<std::string>& argv, std::string* out) {
-        return vx_run(argv, out, 30000);
-    }
-
-    static std::vector<std::string> args(const char* tool_name, const char* version,
-                                         const char* community,
-                                         const std::vector<std::string>& rest) {
-        std::vector<std::string> argv = {tool_name, version, "-c", community, "-On",
-                                         "-r",      "0",     "-t", "20",      "127.0.0.1"};
-        argv.insert(argv.end(), rest.begin(), rest.end());
-        return argv;
-    }
-
-    // Runs a tool while playing the scripted subagent: `script` gets each packet the daemon
-    // sends and returns the answer, or nothing to leave it unanswered.
-    tool_run serve(const std::vector<std::string>& argv,
-                   const std::function<vx_bytes(const vx_dpi_msg&)>& script) {
-        vx_process proc;
-        tool_run t;
-        std::string why;
-        const std::string log = vx_test_dir() + "/tool" + std::to_string(++tools_) + ".log";
-        EXPECT_TRUE(vx_spawn(&proc, argv, log, nullptr, &why)) << why;
-        auto start = std::chrono::steady_clock::now();
-        while (vx_alive(&proc)) {
-            vx_dpi_msg m;
-            if (scripted_.fd >= 0 && vx_dpi_next(&scripted_, &m, 50)) {
-                vx_bytes answer = script(m);
-                EXPECT_TRUE(answer.empty() || vx_send_all(scripted_.fd, answer));
-            }
-            if (std::chrono::steady_clock::now() - start > std::chrono::seconds(30)) {
-                ADD_FAILURE() << "the tool did not end";
-                vx_stop(&proc);
-            }
-        }
-        t.output = vx_read_file(log);
-        t.status = WIFEXITED(proc.status) ? WEXITSTATUS(proc.status) : -1;
-        return t;
+    // Runs a tool while playing the scripted subagent: its output, its exit status in status_.
+    std::string serve(const std::vector<std::string>& argv,
+                      const std::function<vx_bytes(const vx_dpi_msg&)>& script) {
+        return vx_serve_tool(argv, &scripted_, script, &status_);
     }
 
     int32_t dpi_port() {
         std::string out;
-        EXPECT_EQ(tool(args("snmpget", "-v1", "public", {"1.3.6.1.4.1.2.2.1.1.1.0"}), &out), 0);
+        EXPECT_EQ(vx_run(args("snmpget", "-v1", "public", {"1.3.6.1.4.1.2.2.1.1.1.0"}), &out), 0);
         size_t at = out.find("INTEGER: ");
         return at == std::string::npos ? -1 : std::stoi(out.substr(at + 9));
     }
@@ -117,7 +80,7 @@ class EndToEnd : public ::testing::Test {
         if (scripted_.fd < 0 || vx_dpi_register_group(&scripted_, SCRIPTED_GROUP, 2) != 0) {
             return ::testing::AssertionFailure() << "no DPI session or REGISTER refused";
         }
-        return wait_accepted(accepted);
+        return ::testing::AssertionResult(wait_accepted(accepted)) << "RReq not answered";
     }
 
     // An Integer32 answer of a small value.
@@ -130,17 +93,8 @@ class EndToEnd : public ::testing::Test {
     // snmpd answers every RReq, and the daemon sends a coldStart for each answer. snmpd takes
     // any PDU that comes while it waits for an answer as that answer, so a request sent
     // before the answer could cross the RReq on the SMUX connection and cost the session.
-    ::testing::AssertionResult wait_accepted(int seen, int more = 1) {
-        if (!vx_wait_for_text(trap_log_, ACCEPTED_TRAP, 20000, seen + more)) {
-            return ::testing::AssertionFailure() << "snmpd did not answer the RReq";
-        }
-        return ::testing::AssertionSuccess();
-    }
-
-    void expect_example_still_served() {
-        std::string out;
-        EXPECT_EQ(tool(args("snmpwalk", "-v2c", "public", {EXAMPLE}), &out), 0) << out;
-        EXPECT_EQ(vx_oids_in(out).size(), 6U) << out;
+    bool wait_accepted(int seen, int more = 1) {
+        return vx_wait_for_text(trap_log_, ACCEPTED_TRAP, 20000, seen + more);
     }
 
     vx_process trapd_;
@@ -149,7 +103,7 @@ class EndToEnd : public ::testing::Test {
     vx_process example_;
     vx_stream scripted_;
     std::string trap_log_;
-    int tools_ = 0;
+    int status_ = -1;
 };
 
 // The example subagent through snmpd: reads, walks that start before its subtree, the port
@@ -176,28 +130,28 @@ TEST_F(EndToEnd, ExampleSubagentServedThroughSnmpd) {
     for (const row& r : rows) {
         SCOPED_TRACE(r.argv[0] + " " + r.argv.back());
         std::string out;
-        EXPECT_EQ(tool(r.argv, &out), r.status) << out;
+        EXPECT_EQ(vx_run(r.argv, &out), r.status) << out;
         EXPECT_NE(out.find(r.line), std::string::npos) << r.line << "\n" << out;
         EXPECT_EQ(vx_oids_in(out).size(), r.objects) << out;
     }
     // The port object: its instance, and a GetNext from it moves on.
     EXPECT_GT(dpi_port(), 0);
     std::string out;
-    EXPECT_EQ(tool(args("snmpgetnext", "-v2c", "public", {"1.3.6.1.4.1.2.2.1.1.1.0"}), &out), 0);
+    EXPECT_EQ(vx_run(args("snmpgetnext", "-v2c", "public", {"1.3.6.1.4.1.2.2.1.1.1.0"}), &out), 0);
     EXPECT_EQ(out.find(".1.3.6.1.4.1.2.2.1.1.1.0 ="), std::string::npos) << out;
 
     // A set, committed: the new value reads back, and its trap reaches both sinks with its
     // specific number and varBind.
     const std::string level = e + ".6.0";
-    ASSERT_EQ(tool(args("snmpset", "-v1", "private", {level, "i", "7"}), &out), 0) << out;
-    ASSERT_EQ(tool(args("snmpget", "-v1", "public", {level}), &out), 0) << out;
+    ASSERT_EQ(vx_run(args("snmpset", "-v1", "private", {level, "i", "7"}), &out), 0) << out;
+    ASSERT_EQ(vx_run(args("snmpget", "-v1", "public", {level}), &out), 0) << out;
     EXPECT_NE(out.find("INTEGER: 7"), std::string::npos) << out;
     EXPECT_TRUE(vx_wait_for_text(trap_log_, "." + e + " Enterprise Specific Trap (1)", 10000));
     EXPECT_TRUE(vx_wait_for_text(trap_log_, "." + level + " = INTEGER: 7", 10000, 2));
     EXPECT_TRUE(vx_wait_for_text(trap_log_, ".1.3.6.1.6.3.1.1.4.1.0 = OID: ." + e + ".0.1", 10000));
 
     // A refused set changes nothing.
-    EXPECT_EQ(tool(args("snmpset", "-v1", "private", {level, "i", "500"}), &out), 2) << out;
+    EXPECT_EQ(vx_run(args("snmpset", "-v1", "private", {level, "i", "500"}), &out), 2) << out;
     EXPECT_EQ(vx_count_in_file(example_.log_path, "exampleLevel is now"), 1);
 }
 
@@ -215,18 +169,18 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
                              refusal{6, "noSuchName"}, refusal{10, "badValue"}}) {
         SCOPED_TRACE("SET refused with " + std::to_string(r.code));
         std::vector<uint8_t> seen;
-        tool_run t = serve(args("snmpset", "-v1", "private", {s + ".1.0", "i", "9"}),
-                           [&](const vx_dpi_msg& m) {
-                               seen.push_back(m.type);
-                               return m.type == SNMP_DPI_GET ? integer_answer(m, "1.0", 1)
-                                                             : vx_dpi_response(m.packet_id, r.code);
-                           });
-        EXPECT_EQ(t.status, 2) << t.output;
-        EXPECT_NE(t.output.find(r.reason), std::string::npos) << t.output;
+        std::string t = serve(
+            args("snmpset", "-v1", "private", {s + ".1.0", "i", "9"}), [&](const vx_dpi_msg& m) {
+                seen.push_back(m.type);
+                return m.type == SNMP_DPI_GET ? integer_answer(m, "1.0", 1)
+                                              : vx_dpi_response(m.packet_id, r.code);
+            });
+        EXPECT_EQ(status_, 2) << t;
+        EXPECT_NE(t.find(r.reason), std::string::npos) << t;
         EXPECT_EQ(seen, (std::vector<uint8_t>{SNMP_DPI_GET, SNMP_DPI_SET}));  // no COMMIT, no UNDO
     }
     std::vector<uint8_t> seen;
-    tool_run t = serve(
+    std::string t = serve(
         args("snmpset", "-v1", "private", {s + ".2.0", "u", "256"}), [&](const vx_dpi_msg& m) {
             seen.push_back(m.type);
             if (m.type != SNMP_DPI_GET) {
@@ -239,7 +193,7 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
                                                             DPI_TYPE_Gauge32, vx_hex("00000001"))
                                           : vx_dpi_response(m.packet_id, 0);
         });
-    EXPECT_EQ(t.status, 0) << t.output;
+    EXPECT_EQ(status_, 0) << t;
     EXPECT_EQ(seen, (std::vector<uint8_t>{SNMP_DPI_GET, SNMP_DPI_SET, SNMP_DPI_COMMIT}));
 
     // Values of other types reach the subagent as they were set.
@@ -259,7 +213,7 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
                       return m.type == SNMP_DPI_GET ? integer_answer(m, "3.0", 1)
                                                     : vx_dpi_response(m.packet_id, 0);
                   });
-        EXPECT_EQ(t.status, 0) << t.output;
+        EXPECT_EQ(status_, 0) << t;
     }
 
     // Counter64 has no SNMPv1 form: a GetNext steps over such objects, but an answer that
@@ -273,7 +227,7 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
                    ? integer_answer(m, at, 3)
                    : vx_dpi_response(m.packet_id, 0, SCRIPTED_GROUP, at, DPI_TYPE_Counter64, c64);
     });
-    EXPECT_NE(t.output.find("." + s + ".3.0 = INTEGER: 3"), std::string::npos) << t.output;
+    EXPECT_NE(t.find("." + s + ".3.0 = INTEGER: 3"), std::string::npos) << t;
     EXPECT_EQ(asked, 3);
     asked = 0;
     t = serve(args("snmpgetnext", "-v1", "public", {s + ".5.0"}), [&](const vx_dpi_msg& m) {
@@ -282,11 +236,11 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
                                              DPI_TYPE_Counter64, c64);
     });
     EXPECT_EQ(asked, 1);
-    EXPECT_EQ(t.output.find("." + s + ".5.0 ="), std::string::npos) << t.output;
+    EXPECT_EQ(t.find("." + s + ".5.0 ="), std::string::npos) << t;
     t = serve(args("snmpget", "-v1", "public", {s + ".1.0"}), [&](const vx_dpi_msg& m) {
         return vx_dpi_response(m.packet_id, 0, SCRIPTED_GROUP, "1.0", DPI_TYPE_Counter64, c64);
     });
-    EXPECT_NE(t.output.find("noSuchName"), std::string::npos) << t.output;
+    EXPECT_NE(t.find("noSuchName"), std::string::npos) << t;
 
     // A trap's varBinds reach the v1 sink, less the Counter64 one v1 cannot carry.
     int32_t five = 5;
@@ -307,7 +261,7 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
     usleep(500 * 1000);
     t = serve(args("snmpget", "-v1", "public", {s + ".1.0"}),
               [&](const vx_dpi_msg& m) { return integer_answer(m, "1.0", 4); });
-    EXPECT_NE(t.output.find("." + s + ".1.0 = INTEGER: 4"), std::string::npos) << t.output;
+    EXPECT_NE(t.find("." + s + ".1.0 = INTEGER: 4"), std::string::npos) << t;
 
     // A subagent that does not answer is dropped after 8 s and its subtree withdrawn.
     int accepted = vx_count_in_file(trap_log_, ACCEPTED_TRAP);
@@ -315,13 +269,14 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
     t = serve(args("snmpget", "-v1", "public", {s + ".1.0"}),
               [&](const vx_dpi_msg&) { return vx_bytes{}; });
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(7));
-    EXPECT_NE(t.output.find("noSuchName"), std::string::npos) << t.output;
+    EXPECT_NE(t.find("noSuchName"), std::string::npos) << t;
     EXPECT_TRUE(vx_wait_closed(scripted_.fd, 3000));
     ASSERT_TRUE(wait_accepted(accepted));
     std::string out;
-    EXPECT_EQ(tool(args("snmpget", "-v2c", "public", {s + ".1.0"}), &out), 0);
+    EXPECT_EQ(vx_run(args("snmpget", "-v2c", "public", {s + ".1.0"}), &out), 0);
     EXPECT_NE(out.find("No Such Object"), std::string::npos) << out;
-    expect_example_still_served();
+    EXPECT_EQ(vx_run(args("snmpwalk", "-v2c", "public", {EXAMPLE}), &out), 0) << out;
+    EXPECT_EQ(vx_oids_in(out).size(), 6U) << out;
     // The delete went out only after the answer snmpd was waiting for: the session held.
     EXPECT_EQ(vx_count_in_file(daemon_.log_path, "Lost connection to agent"), 0);
 
@@ -330,7 +285,7 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
     std::string why;
     ASSERT_TRUE(vx_restart_snmpd(&snmpd_, &why)) << why;
     ASSERT_TRUE(wait_accepted(accepted, 2));
-    EXPECT_EQ(tool(args("snmpwalk", "-v2c", "public", {EXAMPLE}), &out), 0) << out;
+    EXPECT_EQ(vx_run(args("snmpwalk", "-v2c", "public", {EXAMPLE}), &out), 0) << out;
     EXPECT_EQ(vx_oids_in(out).size(), 6U) << out;
 }
 

@@ -4,15 +4,26 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+#include "snmp_container.h"
 #include "snmp_dpi.h"
+#include "vx_testsupport.h"
+
+std::string vx_oid_text(const snmp_container* c) {
+    char* t = snmp_oid_to_string(c);
+    std::string s = t != nullptr ? t : "?";
+    free(t);
+    return s;
+}
 
 static long peers_now_ms(void) {
     using namespace std::chrono;
@@ -261,4 +272,26 @@ int vx_dpi_register_group(vx_stream* sa, const std::string& group, uint16_t) {
         return -1;
     }
     return answer.error_code;
+}
+
+std::string vx_serve_tool(const std::vector<std::string>& argv, vx_stream* sa,
+                          const std::function<vx_bytes(const vx_dpi_msg&)>& answer, int* status) {
+    static int tools = 0;
+    vx_process proc;
+    const std::string log = vx_test_dir() + "/tool" + std::to_string(++tools) + ".log";
+    bool started = vx_spawn(&proc, argv, log);
+    for (long until = peers_now_ms() + 60000; started && vx_alive(&proc);) {
+        vx_dpi_msg m;
+        if (sa->fd >= 0 && !sa->closed && vx_dpi_next(sa, &m, 20)) {
+            vx_bytes reply = answer(m);
+            (void)(reply.empty() || vx_send_all(sa->fd, reply));
+        } else if (sa->fd < 0 || sa->closed) {
+            usleep(20 * 1000);
+        }
+        if (peers_now_ms() > until) {
+            vx_stop(&proc);
+        }
+    }
+    *status = WIFEXITED(proc.status) ? WEXITSTATUS(proc.status) : -1;
+    return vx_read_file(log);
 }

@@ -2,10 +2,15 @@
 // Peers played by tests: TCP on 127.0.0.1, a stream that hands out whole frames, and a DPI
 // subagent. Reads have time limits; false means time-out, end of stream or bad bytes.
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 using vx_bytes = std::vector<uint8_t>;
+struct snmp_container;
+
+// Dotted text of an OID container ("?" for none).
+std::string vx_oid_text(const snmp_container* c);
 
 // "0a 1b" or "0a1b" to bytes (blanks ignored), and back ("0a 1b").
 vx_bytes vx_hex(const char* text);
@@ -60,3 +65,9 @@ struct vx_dpi_msg {
 // REGISTER of `group` (with its final dot): the RESPONSE's error code, -1 when none came.
 [[nodiscard]] int vx_dpi_register_group(vx_stream* sa, const std::string& group,
                                         uint16_t packet_id);
+
+// Runs a net-snmp tool (at most 60 s) while playing the DPI subagent on `sa`: `answer` gets
+// each packet the daemon sends and gives the reply (empty: none). The tool's output, and its
+// exit status in `status` (-1 when it did not end by itself).
+std::string vx_serve_tool(const std::vector<std::string>& argv, vx_stream* sa,
+                          const std::function<vx_bytes(const vx_dpi_msg&)>& answer, int* status);

@@ -289,6 +289,14 @@ int vx_stop(vx_process* proc) {
     return proc->status;
 }
 
+std::vector<std::string> vx_snmp_args(const std::string& tool, const char* version,
+                                      const char* community, const std::vector<std::string>& rest) {
+    std::vector<std::string> argv = {tool, version, "-c", community, "-On", "-r", "0", "-t", "20"};
+    argv.push_back("127.0.0.1");
+    argv.insert(argv.end(), rest.begin(), rest.end());
+    return argv;
+}
+
 int vx_run(const std::vector<std::string>& argv, std::string* output, int timeout_ms) {
     char tmpl[] = "/tmp/vxrun.XXXXXX";
     int fd = mkstemp(tmpl);

@@ -37,9 +37,12 @@ struct vx_process {
 [[nodiscard]] bool vx_wait_exit(vx_process* proc, int timeout_ms);
 int vx_stop(vx_process* proc);  // SIGTERM, 3 s, SIGKILL; the wait status, -1 for none
 bool vx_signal(vx_process* proc, int sig);
+// A net-snmp tool's argv: asks snmpd on 127.0.0.1 once, waiting up to 20 s, names numeric.
+std::vector<std::string> vx_snmp_args(const std::string& tool, const char* version,
+                                      const char* community, const std::vector<std::string>& rest);
 // Runs a command to completion: its exit status (-1: could not run or killed after
 // `timeout_ms`), both outputs in `output`.
-int vx_run(const std::vector<std::string>& argv, std::string* output, int timeout_ms = 10000);
+int vx_run(const std::vector<std::string>& argv, std::string* output, int timeout_ms = 30000);
 
 // Polls `cond` every 20 ms until it holds or the time is up; its last value.
 [[nodiscard]] bool vx_wait_until(const std::function<bool()>& cond, int timeout_ms);
