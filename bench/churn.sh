@@ -2,9 +2,9 @@
 # churn.sh: the churn stress test (tests/churn_stress_test.cpp) run long enough to count on:
 # a steady DPI subagent walked back to back with snmpbulkwalk through snmpd and the daemon
 # while other subagents register and leave in a loop, a cycle every 50 ms and then every
-# 300 ms, CYCLES cycles each; then the registration latency case. Each case prints one line
-# of figures: cycles, walks (short, failed), RReqs sent and taken by snmpd as answers,
-# sessions lost, whether snmpd ended up serving exactly the subtrees still connected.
+# 300 ms, then every 50 ms with snmpd as AgentX master, CYCLES cycles each. Each case prints
+# one line of figures: the worst registration latency idle and under walks, cycles, walks
+# (short, failed), RReqs sent and taken by snmpd as answers, sessions lost.
 #
 # Usage, as root (the test enters private network and mount namespaces of its own; it
 # builds what it needs first):
