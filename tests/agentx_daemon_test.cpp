@@ -126,7 +126,7 @@ class AgentX : public ::testing::Test {
         ASSERT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
                     listen(listener, 1) == 0);
         setenv("VARNEX2_AGENTX", sa.sun_path, 1);
-        ASSERT_TRUE(vx_start_varnex2(&daemon_, {"-d", "96"}, nullptr, &why)) << why;
+        ASSERT_TRUE(vx_start_varnex2(&daemon_, {"-d", "255"}, nullptr, &why)) << why;
         master_.fd = vx_tcp_accept(listener, 8000);
         close(listener);
         ASSERT_TRUE(next() && pdu_->header.type == AGENTX_OPEN_PDU);
@@ -369,6 +369,8 @@ TEST_F(AgentX, UnderAPlayedMaster) {
     agentx_pdu stray{};
     stray.header = {1, AGENTX_RESPONSE_PDU, 0, SESSION, 0, 0x7fff0000, 0};
     ASSERT_TRUE(send(&stray));
+    stray.header.type = AGENTX_PING_PDU;  // and one only a subagent sends
+    ASSERT_TRUE(send(&stray));
     ASSERT_TRUE(ask(AGENTX_GET_PDU, {s1}, 50) && ask(AGENTX_GET_PDU, {s1}, 50));
     ASSERT_TRUE(ask(AGENTX_GET_PDU, {s1}, 51, 0, 0, SESSION + 1));
     ASSERT_TRUE(ask(AGENTX_GET_PDU, {s2}, 52));
@@ -387,10 +389,9 @@ TEST_F(AgentX, UnderAPlayedMaster) {
     // the TestSet, and a COMMIT the subagent fails; the error status of each answer.
     const auto set = [&](uint8_t type, uint32_t packet_id, uint32_t transaction) {
         agentx_pdu* q = agentx_create_pdu();
-        int32_t five = 5;
         bool ok = type != AGENTX_TESTSET_PDU ||
-                  agentx_add_varbind(q, snmp_create_oid_container(s3.c_str()),
-                                     snmp_create_value_container(&five, 4, SNMP_TAG_INTEGER, 0)) ==
+                  agentx_add_varbind(q, snmp_create_oid_container(s2.c_str()),
+                                     snmp_create_value_container(S.c_str(), 0, SNMP_TAG_OID, 0)) ==
                       AGENTX_OK;
         q->header = {1, type, 0, SESSION, transaction, packet_id, 0};
         ok = ok && send(q);

@@ -34,7 +34,7 @@ class EndToEnd : public ::testing::Test {
         trap_log_ = vx_test_dir() + "/snmptrapd.log";
         ASSERT_TRUE(vx_start_snmptrapd(&trapd_, &why)) << why;
         ASSERT_TRUE(vx_start_snmpd(&snmpd_, {"-Dsmux"}, &why)) << why;
-        ASSERT_TRUE(vx_start_varnex2(&daemon_, {"-d", "96"}, nullptr, &why)) << why;
+        ASSERT_TRUE(vx_start_varnex2(&daemon_, {"-d", "255"}, nullptr, &why)) << why;
         ASSERT_TRUE(vx_wait_for_text(daemon_.log_path, "ready to receive requests", 15000));
         ASSERT_TRUE(vx_spawn(&example_, {EXAMPLE_SUBAGENT_PATH}, vx_test_dir() + "/example.log",
                              nullptr, &why))
@@ -195,6 +195,10 @@ TEST_F(EndToEnd, ScriptedSubagentThroughSnmpd) {
         });
     EXPECT_EQ(status_, 0) << t;
     EXPECT_EQ(seen, (std::vector<uint8_t>{SNMP_DPI_GET, SNMP_DPI_SET, SNMP_DPI_COMMIT}));
+    // An answer with no varBind to a GET is no answer (snmpd shows the error as noSuchName).
+    t = serve(args("snmpget", "-v1", "public", {s + ".1.0"}),
+              [](const vx_dpi_msg& m) { return vx_dpi_response(m.packet_id, 0); });
+    EXPECT_NE(t.find("noSuchName"), std::string::npos) << t;
 
     // Values of other types reach the subagent as they were set.
     struct typed {
