@@ -438,14 +438,16 @@ median_awk='
   }
   function us(x) { return x == "-" ? "–" : sprintf(x < 10 ? "%.1f" : "%.0f", x) }
   function ratio(x, ref) { return sprintf(" (%.2f×)", x / ref) }
+  # Appends value v to the list of column i of row id, for the medians.
+  function gather(id, i, v) { col[id, i] = col[id, i] (col[id, i] == "" ? "" : " ") v }
 '
 awk -v order="${selected[*]}" -v labels="$labels" "$median_awk"'
   {
-    for (i = 3; i <= 8; i++) col[$2, i] = col[$2, i] (col[$2, i] == "" ? "" : " ") $i
+    for (i = 3; i <= 8; i++) gather($2, i, $i)
     # CPU of every process of the path together, per object.
     total = 0
     for (i = 6; i <= 8; i++) if ($i != "-") total += $i
-    col[$2, 9] = col[$2, 9] (col[$2, 9] == "" ? "" : " ") total
+    gather($2, 9, total)
   }
   END {
     split(labels, l, "\n")
@@ -468,7 +470,7 @@ if [ ${#regs[@]} -gt 0 ]; then
   echo
   echo "Registration table growth (varnex2 over SMUX, bulk walks):"
   awk -v order="${regs[*]}" "$median_awk"'
-    { for (i = 3; i <= 6; i++) col[$2, i] = col[$2, i] (col[$2, i] == "" ? "" : " ") $i }
+    { for (i = 3; i <= 6; i++) gather($2, i, $i) }
     END {
       m = split(order, ids, " ")
       print "| registrations of the subagent | snmpbulkwalk obj/s | daemon CPU µs per object | snmpd / subagent CPU µs per object |"

@@ -54,15 +54,21 @@ int64_t vx_now_ns(void) {
 // Level-triggered, like a select set: a descriptor stays ready until its input is read.
 namespace {
 int epoll_fd = -1;
-}
 
-bool watch_fd(int fd) {
+bool have_epoll(void) {
     if (epoll_fd < 0) {
         epoll_fd = epoll_create1(EPOLL_CLOEXEC);
         if (epoll_fd < 0) {
             perror("epoll_create1");
-            return false;
         }
+    }
+    return epoll_fd >= 0;
+}
+}  // namespace
+
+bool watch_fd(int fd) {
+    if (!have_epoll()) {
+        return false;
     }
     epoll_event ev{};
     ev.events = EPOLLIN;
@@ -85,11 +91,8 @@ void forget_fd(int fd) {
 
 int conn_wait(const timespec* limit, const sigset_t* mask) {
     FD_ZERO(&readyfds);
-    if (epoll_fd < 0) {
-        epoll_fd = epoll_create1(EPOLL_CLOEXEC);
-        if (epoll_fd < 0) {
-            return -1;
-        }
+    if (!have_epoll()) {
+        return -1;
     }
     // epoll counts in milliseconds: a limit is rounded up, so a wait never ends just before
     // its deadline and the loop never spins on waits of 0 until it comes.
