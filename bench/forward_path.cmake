@@ -1,11 +1,12 @@
 # The programs forward_path.sh runs at the far end of each path it measures: a DPI subagent
-# behind the daemon, a bare SMUX peer, and an AgentX subagent on net-snmp's agent library
+# behind the daemon, a bare SMUX peer, a byte relay to put in the daemon's place, and an AgentX subagent on net-snmp's agent library
 # (built only when libsnmp-dev is installed). The DPI subagent has a file of its own,
 # fwd_dpi_subagent.cmake, since the tests build it as well.
 include(${CMAKE_CURRENT_LIST_DIR}/fwd_dpi_subagent.cmake)
 
 add_executable(fwd_smux_peer ${CMAKE_CURRENT_LIST_DIR}/fwd_smux_peer.cpp)
 target_link_libraries(fwd_smux_peer PRIVATE snmpkit)
+add_executable(fwd_relay ${CMAKE_CURRENT_LIST_DIR}/fwd_relay.c)
 
 find_path(NETSNMP_INCLUDE_DIR net-snmp/agent/net-snmp-agent-includes.h)
 find_library(NETSNMP_AGENT_LIBRARY netsnmpagent)

@@ -5,6 +5,9 @@
 #   snmpd    snmpd serving the objects itself (one `override` line each)
 #   agentx   snmpd --AgentX--> subagent on net-snmp's agent library   (fwd_agentx_subagent)
 #   smux     snmpd --SMUX--> bare SMUX peer                           (fwd_smux_peer)
+#   relay    snmpd --SMUX--> byte relay --SMUX--> the same bare peer    (fwd_relay)
+#            the floor for any process in between: the relay does the daemon's waits,
+#            receives and writes per request and no protocol work at all
 #   varnex2  snmpd --SMUX--> varnex2 --DPI--> minimal DPI subagent    (fwd_dpi_subagent)
 #   varnex2-agentx  snmpd --AgentX--> varnex2 --DPI--> the same DPI subagent
 #
@@ -83,6 +86,11 @@ start_agentx() {
 start_smux() {
   launch subagent "$build/bench/fwd_smux_peer" -n "$OBJECTS"
 }
+start_relay() {
+  launch daemon "$build/bench/fwd_relay" -p 1199
+  wait_for fwd_relay 10 eval '[ -n "$(ss -Hltn "sport = :1199")" ]'
+  launch subagent "$build/bench/fwd_smux_peer" -n "$OBJECTS" -P 1199
+}
 start_varnex2() {
   # Started under its own file name, varnex2, which is its identity in the peers file.
   launch daemon "$build/snmp/daemon/varnex2"
@@ -98,13 +106,14 @@ start_varnex2_agentx() {
 add_path snmpd "snmpd serving the objects itself" start_snmpd "" objects.conf
 add_path agentx "AgentX subagent on net-snmp's agent library" start_agentx fwd_agentx_subagent
 add_path smux "bare SMUX peer, hand-written" start_smux fwd_smux_peer
+add_path relay "snmpd → byte relay → bare SMUX peer" start_relay "fwd_relay fwd_smux_peer"
 add_path varnex2 "snmpd → varnex2 → minimal DPI subagent" start_varnex2 \
   "varnex2 fwd_dpi_subagent"
 add_path varnex2-agentx "snmpd → varnex2 (AgentX) → minimal DPI subagent" \
   start_varnex2_agentx "varnex2 fwd_dpi_subagent"
 
 REGS=${REGS-1 10 100}
-read -r -a selected <<<"${PATHS:-agentx snmpd smux varnex2 varnex2-agentx}"
+read -r -a selected <<<"${PATHS:-agentx snmpd smux relay varnex2 varnex2-agentx}"
 for id in "${selected[@]}"; do
   [ -n "${path_label[$id]+set}" ] || { echo "forward_path.sh: no path '$id' (have: ${path_ids[*]})" >&2; exit 2; }
 done

@@ -3,7 +3,8 @@
 // from the table in fwd_objects.h with the project's SMUX codec: the least a program can do
 // to serve objects over SMUX, the baseline the DPI path through the daemon is held against.
 //
-// Usage: fwd_smux_peer [-n objects] [-i identity] [-p password]
+// Usage: fwd_smux_peer [-n objects] [-i identity] [-p password] [-P port]
+// -P connects to another port of 127.0.0.1 than 199: to a relay put between the two.
 // SIGTERM or SIGINT ends it; so does the agent closing the session.
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -169,14 +170,14 @@ bool answer_request(int fd, Peer* p, const snmp_pdu* request, bool next) {
     return send_record(fd, &p->answer_record);
 }
 
-int connect_agent(void) {
+int connect_agent(uint16_t port) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return -1;
     }
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
-    addr.sin_port = htons(199);
+    addr.sin_port = htons(port);
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         close(fd);
@@ -250,15 +251,18 @@ int main(int argc, char** argv) {
     const char* identity = "1.3.6.1.4.1.99999.1";
     const char* password = "secret";
     int opt;
-    while ((opt = getopt(argc, argv, "n:i:p:")) != -1) {
+    uint16_t port = 199;
+    while ((opt = getopt(argc, argv, "n:i:p:P:")) != -1) {
         if (opt == 'n') {
             peer.count = static_cast<uint32_t>(strtoul(optarg, nullptr, 10));
         } else if (opt == 'i') {
             identity = optarg;
         } else if (opt == 'p') {
             password = optarg;
+        } else if (opt == 'P') {
+            port = static_cast<uint16_t>(strtoul(optarg, nullptr, 10));
         } else {
-            fprintf(stderr, "usage: %s [-n objects] [-i identity] [-p password]\n", argv[0]);
+            fprintf(stderr, "usage: %s [-n objects] [-i identity] [-p password] [-P port]\n", argv[0]);
             return 2;
         }
     }
@@ -278,9 +282,9 @@ int main(int argc, char** argv) {
     peer.answer_record.type = SNMP_PDU_RESPONSE;
     peer.answer_record.snmp = peer.answer;
 
-    int fd = connect_agent();
+    int fd = connect_agent(port);
     if (fd < 0 || !open_session(fd, identity, password)) {
-        fprintf(stderr, "fwd_smux_peer: cannot open a SMUX session on 127.0.0.1:199\n");
+        fprintf(stderr, "fwd_smux_peer: cannot open a SMUX session on 127.0.0.1:%u\n", port);
         return 1;
     }
 
