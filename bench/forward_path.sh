@@ -449,6 +449,8 @@ median_awk='
   function ratio(x, ref) { return sprintf(" (%.2f×)", x / ref) }
   # Appends value v to the list of column i of row id, for the medians.
   function gather(id, i, v) { col[id, i] = col[id, i] (col[id, i] == "" ? "" : " ") v }
+  # med[from..to]: the medians of columns from..to of row id.
+  function medians(id, from, to,    i) { for (i = from; i <= to; i++) med[i] = median(col[id, i]) }
 '
 awk -v order="${selected[*]}" -v labels="$labels" "$median_awk"'
   {
@@ -466,7 +468,7 @@ awk -v order="${selected[*]}" -v labels="$labels" "$median_awk"'
     print "|---|---|---|---|---|---|"
     for (j = 1; j <= m; j++) {
       id = ids[j]
-      for (i = 3; i <= 9; i++) med[i] = median(col[id, i])
+      medians(id, 3, 9)
       if (j == 1) for (i = 3; i <= 9; i++) ref[i] = med[i]
       line = "| " label[id]
       for (i = 3; i <= 5; i++) line = line " | " grouped(med[i]) (j > 1 ? ratio(med[i], ref[i]) : "")
@@ -486,7 +488,7 @@ if [ ${#regs[@]} -gt 0 ]; then
       print "|---|---|---|---|"
       for (j = 1; j <= m; j++) {
         id = ids[j]
-        for (i = 3; i <= 6; i++) med[i] = median(col[id, i])
+        medians(id, 3, 6)
         if (j == 1) ref = med[5]
         printf "| %s | %s | %s%s | %s / %s |\n", id, grouped(med[3]), us(med[5]),
           (j > 1 ? ratio(med[5], ref) : ""), us(med[4]), us(med[6])
